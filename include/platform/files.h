@@ -1,0 +1,42 @@
+// Files of the documents directory (and anything else the library reads or writes).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/types.h"
+
+namespace quenby::platform {
+
+class FileSystem {
+public:
+    FileSystem() = default;
+    FileSystem(const FileSystem&) = delete;
+    FileSystem& operator=(const FileSystem&) = delete;
+    virtual ~FileSystem() = default;
+
+    // Whole contents; nothing when the file is missing or cannot be read. Any thread.
+    virtual std::optional<Bytes> readFile(const std::string& path) const = 0;
+    // Replaces the whole file. Atomically: written to a temporary file beside it, flushed and
+    // renamed over it, so a reader or a crash sees the old or the new contents, never a mix.
+    // Otherwise truncated and written in place. Answers the failure, if any. Any thread.
+    virtual std::optional<Error> writeFile(const std::string& path, const Bytes& data,
+                                           bool atomically) = 0;
+    virtual bool fileExists(const std::string& path) const = 0;
+};
+
+class LocalFileSystem final : public FileSystem {
+public:
+    std::optional<Bytes> readFile(const std::string& path) const override;
+    std::optional<Error> writeFile(const std::string& path, const Bytes& data,
+                                   bool atomically) override;
+    bool fileExists(const std::string& path) const override;
+};
+
+// `dir` + "/" + `name`, without doubling a trailing slash of `dir`.
+std::string joinPath(std::string_view dir, std::string_view name);
+// Creates `dir` and its parents; false when that fails.
+bool createDirectories(const std::string& dir);
+
+}  // namespace quenby::platform

@@ -1,0 +1,36 @@
+// Absolute URLs: parsing, the parts the library reads, and NSURL-style path components.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quenby::platform {
+
+class Url {
+public:
+    // Parses an absolute URL ("scheme://host[:port]/path?query#fragment"). Answers nothing for
+    // text that is not one (relative references, blanks, bad ports, bad percent-escapes).
+    static std::optional<Url> parse(std::string_view text);
+
+    const std::string& absoluteString() const { return absolute_; }
+    const std::string& scheme() const { return scheme_; }
+    const std::string& host() const { return host_; }
+    // The path as written in the URL, still percent-encoded ("" when the URL has none).
+    const std::string& path() const { return path_; }
+    const std::string& query() const { return query_; }
+
+    // The decoded components of the path: "/" first for an absolute path, then every non-empty
+    // segment, percent-decoded. "/api/kits/17/" gives {"/", "api", "kits", "17"}.
+    std::vector<std::string> pathComponents() const;
+    // The last of pathComponents(), or "" when there are none.
+    std::string lastPathComponent() const;
+
+    bool operator==(const Url& o) const { return absolute_ == o.absolute_; }
+
+private:
+    std::string absolute_, scheme_, host_, path_, query_;
+};
+
+}  // namespace quenby::platform

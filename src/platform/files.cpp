@@ -1,0 +1,108 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+namespace quenby::platform {
+
+namespace {
+
+Error posixError(int err, const std::string& what) {
+    return Error{"POSIX", err, std::string(std::strerror(err)) + ": " + what};
+}
+
+// Writes all of `data` to `fd`; answers errno on failure.
+int writeAll(int fd, const Bytes& data) {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::optional<Bytes> LocalFileSystem::readFile(const std::string& path) const {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return std::nullopt;
+    }
+    Bytes out;
+    out.reserve(static_cast<std::size_t>(st.st_size));
+    std::uint8_t buf[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            ::close(fd);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        out.insert(out.end(), buf, buf + n);
+    }
+    ::close(fd);
+    return out;
+}
+
+std::optional<Error> LocalFileSystem::writeFile(const std::string& path, const Bytes& data,
+                                                bool atomically) {
+    if (!atomically) {
+        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) return posixError(errno, path);
+        int err = writeAll(fd, data);
+        if (::close(fd) != 0 && err == 0) err = errno;
+        if (err) return posixError(err, path);
+        return std::nullopt;
+    }
+    static thread_local std::mt19937_64 rng{std::random_device{}()};
+    std::string tmp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(rng());
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) return posixError(errno, path);
+    int err = writeAll(fd, data);
+    if (!err && ::fsync(fd) != 0) err = errno;
+    if (::close(fd) != 0 && !err) err = errno;
+    if (!err && ::rename(tmp.c_str(), path.c_str()) != 0) err = errno;
+    if (err) {
+        ::unlink(tmp.c_str());
+        return posixError(err, path);
+    }
+    return std::nullopt;
+}
+
+bool LocalFileSystem::fileExists(const std::string& path) const {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+std::string joinPath(std::string_view dir, std::string_view name) {
+    std::string out(dir);
+    if (!out.empty() && out.back() == '/' && !name.empty() && name.front() == '/') {
+        out.pop_back();
+    } else if (!out.empty() && out.back() != '/' && !name.empty() && name.front() != '/') {
+        out.push_back('/');
+    }
+    out += name;
+    return out;
+}
+
+bool createDirectories(const std::string& dir) {
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    return std::filesystem::is_directory(dir, ec);
+}
+
+}  // namespace quenby::platform

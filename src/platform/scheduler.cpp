@@ -1,0 +1,682 @@
+#include "platform/scheduler.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+#include <cmath>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <vector>
+
+#include "platform/console.h"
+#include "platform/notifications.h"
+
+namespace quenby::platform {
+
+// ---------------------------------------------------------------------------------------------
+// Thread pool. A thread is added whenever work arrives and no thread is idle, because queue
+// tasks block (synchronous HTTP, database waits, sync() on another queue): a fixed-size pool
+// could deadlock where the platform's own dispatch would not.
+
+class ThreadPool {
+public:
+    ThreadPool() = default;
+    ~ThreadPool() {
+        {
+            std::lock_guard lk(mu_);
+            stopping_ = true;
+        }
+        cv_.notify_all();
+        for (auto& t : threads_) {
+            // The last owner of the scheduler may let go from a pool thread.
+            if (t.get_id() == std::this_thread::get_id()) {
+                t.detach();
+            } else {
+                t.join();
+            }
+        }
+    }
+
+    void submit(Task task) {
+        std::lock_guard lk(mu_);
+        tasks_.push_back(std::move(task));
+        if (idle_ == 0 && threads_.size() < kMaxThreads) {
+            threads_.emplace_back([this] { workerMain(); });
+        } else {
+            cv_.notify_one();
+        }
+    }
+
+private:
+    static constexpr std::size_t kMaxThreads = 512;
+
+    void workerMain() {
+        NotificationQueue::markThreadDeferring();
+        std::unique_lock lk(mu_);
+        for (;;) {
+            ++idle_;
+            cv_.wait(lk, [&] { return stopping_ || !tasks_.empty(); });
+            --idle_;
+            // Work queued before shutdown still runs: it holds accounting the owner waits on.
+            if (tasks_.empty()) return;
+            Task t = std::move(tasks_.front());
+            tasks_.pop_front();
+            lk.unlock();
+            t();
+            lk.lock();
+        }
+    }
+
+    std::mutex mu_;
+    std::condition_variable cv_;
+    std::deque<Task> tasks_;            // guarded by mu_
+    std::vector<std::thread> threads_;  // guarded by mu_
+    std::size_t idle_ = 0;              // guarded by mu_
+    bool stopping_ = false;             // guarded by mu_
+};
+
+// ---------------------------------------------------------------------------------------------
+// Clocks
+
+Date SystemClock::now() const {
+    using namespace std::chrono;
+    auto d = duration_cast<duration<double>>(system_clock::now().time_since_epoch());
+    return Date::fromSecondsSince1970(d.count());
+}
+
+void VirtualClock::setNow(Date d) {
+    double target = d.timeIntervalSince1970();
+    double cur = now_.load();
+    while (target > cur && !now_.compare_exchange_weak(cur, target)) {
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Timers
+
+namespace detail {
+struct TimerCore {
+    double interval = 0;
+    bool repeats = false;
+    bool onHost = false;
+    Task fire;
+    std::atomic<bool> cancelled{false};
+    std::optional<std::pair<double, std::uint64_t>> key;  // guarded by Scheduler::mu_
+};
+}  // namespace detail
+
+namespace {
+// The shortest interval a repeating timer may have, as the platform's run-loop timers use.
+constexpr double kMinInterval = 0.0001;
+}  // namespace
+
+Scheduler::Scheduler(std::shared_ptr<Clock> clock)
+    : clock_(std::move(clock)),
+      hostThread_(std::this_thread::get_id()),
+      pool_(std::make_unique<ThreadPool>()) {}
+
+std::shared_ptr<Scheduler> Scheduler::create(std::shared_ptr<Clock> clock) {
+    std::shared_ptr<Scheduler> s(new Scheduler(std::move(clock)));
+    NotificationQueue::markThreadDeferring();
+    if (!s->clock_->isVirtual()) s->timerThread_ = std::thread([p = s.get()] { p->timerThreadMain(); });
+    return s;
+}
+
+Scheduler::~Scheduler() {
+    {
+        std::lock_guard lk(mu_);
+        shuttingDown_ = true;
+    }
+    cv_.notify_all();
+    if (timerThread_.joinable()) {
+        if (timerThread_.get_id() == std::this_thread::get_id()) {
+            timerThread_.detach();
+        } else {
+            timerThread_.join();
+        }
+    }
+    pool_.reset();  // runs what is queued, then joins
+}
+
+void Scheduler::insertTimerLocked(const std::shared_ptr<detail::TimerCore>& t) {
+    timers_.emplace(*t->key, t);
+}
+
+std::shared_ptr<detail::TimerCore> Scheduler::addTimer(Date due, double interval, bool repeats,
+                                                       bool onHost, Task fire) {
+    auto t = std::make_shared<detail::TimerCore>();
+    t->interval = std::max(interval, kMinInterval);
+    t->repeats = repeats;
+    t->onHost = onHost;
+    t->fire = std::move(fire);
+    {
+        std::lock_guard lk(mu_);
+        t->key = std::make_pair(due.timeIntervalSince1970(), timerSeq_++);
+        insertTimerLocked(t);
+    }
+    cv_.notify_all();
+    return t;
+}
+
+void Scheduler::cancelTimer(const std::shared_ptr<detail::TimerCore>& t) {
+    if (!t) return;
+    t->cancelled = true;
+    std::lock_guard lk(mu_);
+    if (t->key) {
+        timers_.erase(*t->key);
+        t->key.reset();
+    }
+}
+
+bool Scheduler::hasDueTimerLocked() const {
+    return !timers_.empty() && timers_.begin()->first.first <= now().timeIntervalSince1970();
+}
+
+bool Scheduler::fireOneDueTimer() {
+    std::shared_ptr<detail::TimerCore> t;
+    {
+        std::lock_guard lk(mu_);
+        if (!hasDueTimerLocked()) return false;
+        auto it = timers_.begin();
+        t = it->second;
+        double due = it->first.first;
+        timers_.erase(it);
+        t->key.reset();
+        if (t->repeats) {
+            double next = due + t->interval;
+            // On the wall clock a late timer skips the firings it missed, as run-loop timers do.
+            if (!isVirtual()) {
+                double nowS = now().timeIntervalSince1970();
+                if (next <= nowS) next += t->interval * std::ceil((nowS - next) / t->interval);
+            }
+            t->key = std::make_pair(next, timerSeq_++);
+            insertTimerLocked(t);
+        }
+    }
+    if (t->cancelled) return true;
+    if (t->onHost) {
+        if (isHostThread()) {
+            performPass([t] {
+                if (!t->cancelled) t->fire();
+            });
+        } else {
+            postToMain([t] {
+                if (!t->cancelled) t->fire();
+            });
+        }
+    } else {
+        t->fire();
+    }
+    return true;
+}
+
+void Scheduler::timerThreadMain() {
+    std::unique_lock lk(mu_);
+    while (!shuttingDown_) {
+        if (hasDueTimerLocked()) {
+            lk.unlock();
+            fireOneDueTimer();
+            lk.lock();
+            continue;
+        }
+        if (timers_.empty()) {
+            cv_.wait(lk);
+        } else {
+            double dueS = timers_.begin()->first.first;
+            double wait = dueS - now().timeIntervalSince1970();
+            cv_.wait_for(lk, std::chrono::duration<double>(std::clamp(wait, 0.0, 3600.0)));
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Work accounting
+
+Scheduler::WorkToken::WorkToken(Scheduler* s) : s_(s) {
+    if (s_) s_->beginWorkUnit();
+}
+
+Scheduler::WorkToken& Scheduler::WorkToken::operator=(WorkToken&& o) noexcept {
+    if (this != &o) {
+        release();
+        s_ = std::exchange(o.s_, nullptr);
+    }
+    return *this;
+}
+
+void Scheduler::WorkToken::release() {
+    if (s_) std::exchange(s_, nullptr)->endWorkUnit();
+}
+
+void Scheduler::beginWorkUnit() {
+    std::lock_guard lk(mu_);
+    ++outstanding_;
+}
+
+void Scheduler::endWorkUnit() {
+    {
+        std::lock_guard lk(mu_);
+        --outstanding_;
+    }
+    cv_.notify_all();
+}
+
+void Scheduler::submitBackground(Task task) {
+    beginWorkUnit();
+    pool_->submit([this, task = std::move(task)]() mutable {
+        {
+            WorkItemScope scope;
+            try {
+                task();
+            } catch (const std::exception& e) {
+                // A host must never be brought down by background work; say what happened.
+                consoleWrite(std::string("Uncaught exception in background task: ") + e.what());
+            } catch (...) {
+                consoleWrite("Uncaught exception in background task");
+            }
+            task = nullptr;  // captured owners go before the work counts as done
+        }
+        endWorkUnit();
+    });
+}
+
+void Scheduler::dispatchGlobal(Task task) { submitBackground(std::move(task)); }
+
+// ---------------------------------------------------------------------------------------------
+// Host run loop
+
+void Scheduler::performPass(const Task& task) {
+    assert(isHostThread() && "performPass runs on the host thread");
+    WorkItemScope scope;
+    if (task) task();
+}
+
+void Scheduler::postToMain(Task task) {
+    {
+        std::lock_guard lk(mu_);
+        main_.push_back(std::move(task));
+    }
+    cv_.notify_all();
+}
+
+void Scheduler::postToMainAfter(double seconds, Task task) {
+    addTimer(now().addingTimeInterval(std::max(seconds, 0.0)), 0, false, true, std::move(task));
+}
+
+std::shared_ptr<RunLoopTimer> Scheduler::scheduleRunLoopTimer(double interval, bool repeats,
+                                                              Task task) {
+    interval = std::max(interval, kMinInterval);
+    auto core = addTimer(now().addingTimeInterval(interval), interval, repeats, true,
+                         std::move(task));
+    return std::make_shared<RunLoopTimer>(weak_from_this(), std::move(core));
+}
+
+void Scheduler::run() {
+    std::unique_lock lk(mu_);
+    stop_ = false;
+    while (!stop_) {
+        if (!main_.empty()) {
+            Task t = std::move(main_.front());
+            main_.pop_front();
+            lk.unlock();
+            performPass(t);
+            lk.lock();
+            continue;
+        }
+        if (NotificationQueue::defaultQueue().hasPending()) {
+            lk.unlock();
+            performPass({});
+            lk.lock();
+            continue;
+        }
+        cv_.wait(lk, [&] { return stop_ || !main_.empty(); });
+    }
+}
+
+void Scheduler::stop() {
+    {
+        std::lock_guard lk(mu_);
+        stop_ = true;
+    }
+    cv_.notify_all();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Determinism
+
+void Scheduler::settle() {
+    assert(isHostThread() && "settle runs on the host thread");
+    for (;;) {
+        if (isVirtual() && fireOneDueTimer()) continue;
+        Task item;
+        {
+            std::lock_guard lk(mu_);
+            if (!main_.empty()) {
+                item = std::move(main_.front());
+                main_.pop_front();
+            }
+        }
+        if (item) {
+            performPass(item);
+            continue;
+        }
+        if (NotificationQueue::defaultQueue().hasPending()) {
+            performPass({});
+            continue;
+        }
+        std::unique_lock lk(mu_);
+        auto ready = [&] {
+            return outstanding_ == 0 || !main_.empty() || (isVirtual() && hasDueTimerLocked());
+        };
+        cv_.wait(lk, ready);
+        if (outstanding_ == 0 && main_.empty() && !(isVirtual() && hasDueTimerLocked())) return;
+    }
+}
+
+void Scheduler::advanceTo(Date target) {
+    assert(isHostThread() && "advanceTo runs on the host thread");
+    settle();
+    for (;;) {
+        double next;
+        {
+            std::lock_guard lk(mu_);
+            if (timers_.empty()) break;
+            next = timers_.begin()->first.first;
+        }
+        if (next > target.timeIntervalSince1970()) break;
+        if (auto* vc = dynamic_cast<VirtualClock*>(clock_.get())) {
+            vc->setNow(Date::fromSecondsSince1970(next));
+        }
+        settle();
+    }
+    if (auto* vc = dynamic_cast<VirtualClock*>(clock_.get())) vc->setNow(target);
+    settle();
+}
+
+// ---------------------------------------------------------------------------------------------
+// RunLoopTimer
+
+RunLoopTimer::~RunLoopTimer() = default;
+
+void RunLoopTimer::invalidate() {
+    if (auto s = scheduler_.lock()) {
+        s->cancelTimer(core_);
+    } else if (core_) {
+        core_->cancelled = true;
+    }
+}
+
+bool RunLoopTimer::isValid() const { return core_ && !core_->cancelled; }
+
+// ---------------------------------------------------------------------------------------------
+// DispatchQueue
+
+namespace {
+thread_local std::vector<const void*> tlCurrentQueues;  // states of the queues running here
+}  // namespace
+
+struct DispatchQueue::State {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::deque<Task> tasks;  // guarded by mu
+    bool running = false;    // guarded by mu: a drain is scheduled or under way
+};
+
+DispatchQueue::DispatchQueue(std::weak_ptr<Scheduler> s, std::string label)
+    : scheduler_(std::move(s)), label_(std::move(label)), state_(std::make_shared<State>()) {}
+
+DispatchQueue::~DispatchQueue() = default;
+
+std::shared_ptr<DispatchQueue> Scheduler::createSerialQueue(std::string label) {
+    return std::shared_ptr<DispatchQueue>(new DispatchQueue(weak_from_this(), std::move(label)));
+}
+
+bool DispatchQueue::isCurrent() const {
+    return std::find(tlCurrentQueues.begin(), tlCurrentQueues.end(), state_.get()) !=
+           tlCurrentQueues.end();
+}
+
+void DispatchQueue::async(Task task) {
+    auto sched = scheduler_.lock();
+    if (!sched) return;
+    bool start = false;
+    {
+        std::lock_guard lk(state_->mu);
+        state_->tasks.push_back(std::move(task));
+        if (!state_->running) state_->running = start = true;
+    }
+    if (start) schedule();
+}
+
+void DispatchQueue::schedule() { scheduleDrain(state_, scheduler_); }
+
+void DispatchQueue::scheduleDrain(const std::shared_ptr<State>& state,
+                                  const std::weak_ptr<Scheduler>& scheduler) {
+    auto sched = scheduler.lock();
+    if (!sched) return;
+    // One task per pool submission keeps the queues fair; the drain re-submits itself. It holds
+    // only the queue's state, so tasks queued before the queue object went away still run.
+    sched->submitBackground([state, scheduler] {
+        Task t;
+        {
+            std::lock_guard lk(state->mu);
+            t = std::move(state->tasks.front());
+            state->tasks.pop_front();
+        }
+        tlCurrentQueues.push_back(state.get());
+        t();
+        t = nullptr;
+        tlCurrentQueues.pop_back();
+        bool more;
+        {
+            std::lock_guard lk(state->mu);
+            more = !state->tasks.empty();
+            if (!more) state->running = false;
+        }
+        if (more) scheduleDrain(state, scheduler);
+    });
+}
+
+void DispatchQueue::sync(const std::function<void()>& fn) {
+    if (isCurrent()) {
+        fn();
+        return;
+    }
+    // Hand-over: a marker task runs when everything before it is done; it lets the caller in and
+    // holds the queue until the caller is finished.
+    struct Gate {
+        std::mutex mu;
+        std::condition_variable cv;
+        bool entered = false, done = false;
+    };
+    auto gate = std::make_shared<Gate>();
+    bool direct = false;
+    {
+        std::lock_guard lk(state_->mu);
+        if (!state_->running) {
+            state_->running = true;  // idle: take the queue without a pool round trip
+            direct = true;
+        }
+    }
+    if (!direct) {
+        auto sched = scheduler_.lock();
+        if (!sched) return;
+        async([gate] {
+            std::unique_lock lk(gate->mu);
+            gate->entered = true;
+            gate->cv.notify_all();
+            gate->cv.wait(lk, [&] { return gate->done; });
+        });
+        std::unique_lock lk(gate->mu);
+        gate->cv.wait(lk, [&] { return gate->entered; });
+    }
+    tlCurrentQueues.push_back(state_.get());
+    struct Exit {
+        std::function<void()> f;
+        ~Exit() { f(); }
+    } onExit{[&] {
+        tlCurrentQueues.pop_back();
+        if (direct) {
+            bool more;
+            {
+                std::lock_guard lk(state_->mu);
+                more = !state_->tasks.empty();
+                if (!more) state_->running = false;
+            }
+            if (more) schedule();
+        } else {
+            std::lock_guard lk(gate->mu);
+            gate->done = true;
+            gate->cv.notify_all();
+        }
+    }};
+    fn();
+}
+
+// ---------------------------------------------------------------------------------------------
+// DataAddSource
+
+std::shared_ptr<DataAddSource> DataAddSource::create(std::shared_ptr<DispatchQueue> queue) {
+    return std::shared_ptr<DataAddSource>(new DataAddSource(std::move(queue)));
+}
+
+DataAddSource::~DataAddSource() = default;
+
+void DataAddSource::setEventHandler(Handler h) {
+    std::lock_guard lk(mu_);
+    handler_ = std::move(h);
+}
+
+void DataAddSource::scheduleLocked() {
+    if (pending_ || !resumed_ || cancelled_ || data_ == 0) return;
+    pending_ = true;
+    queue_->async([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self) return;
+        Handler h;
+        unsigned long data;
+        {
+            std::lock_guard lk(self->mu_);
+            self->pending_ = false;
+            if (self->cancelled_) return;
+            data = std::exchange(self->data_, 0);
+            h = self->handler_;
+        }
+        if (h) h(data);
+    });
+}
+
+void DataAddSource::mergeData(unsigned long value) {
+    std::lock_guard lk(mu_);
+    if (cancelled_ || value == 0) return;
+    data_ += value;
+    scheduleLocked();
+}
+
+void DataAddSource::resume() {
+    std::lock_guard lk(mu_);
+    resumed_ = true;
+    scheduleLocked();
+}
+
+void DataAddSource::cancel() {
+    std::lock_guard lk(mu_);
+    cancelled_ = true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// TimerSource
+
+std::shared_ptr<TimerSource> TimerSource::create(std::shared_ptr<DispatchQueue> queue) {
+    return std::shared_ptr<TimerSource>(new TimerSource(std::move(queue)));
+}
+
+TimerSource::~TimerSource() {
+    std::shared_ptr<detail::TimerCore> core;
+    {
+        std::lock_guard lk(mu_);
+        core = std::move(core_);
+    }
+    if (auto s = queue_->scheduler().lock()) s->cancelTimer(core);
+}
+
+void TimerSource::setTimer(Date start, std::chrono::nanoseconds interval,
+                           std::chrono::nanoseconds /*leeway*/) {
+    {
+        std::lock_guard lk(mu_);
+        start_ = start;
+        interval_ = interval;
+        configured_ = true;
+    }
+    arm();
+}
+
+void TimerSource::setEventHandler(Task h) {
+    std::lock_guard lk(mu_);
+    handler_ = std::move(h);
+}
+
+void TimerSource::resume() {
+    {
+        std::lock_guard lk(mu_);
+        resumed_ = true;
+    }
+    arm();
+}
+
+void TimerSource::arm() {
+    auto sched = queue_->scheduler().lock();
+    if (!sched) return;
+    std::shared_ptr<detail::TimerCore> old;
+    Date start;
+    double interval;
+    {
+        std::lock_guard lk(mu_);
+        if (!configured_ || !resumed_ || cancelled_) return;
+        old = std::move(core_);
+        start = start_;
+        interval = std::chrono::duration<double>(interval_).count();
+    }
+    sched->cancelTimer(old);
+    auto core = sched->addTimer(start, interval, interval > 0, false,
+                                [weak = weak_from_this()] {
+                                    if (auto self = weak.lock()) self->fire();
+                                });
+    std::lock_guard lk(mu_);
+    if (cancelled_) {
+        sched->cancelTimer(core);
+    } else {
+        core_ = std::move(core);
+    }
+}
+
+void TimerSource::fire() {
+    std::lock_guard lk(mu_);
+    if (cancelled_ || pending_) return;
+    pending_ = true;
+    queue_->async([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self) return;
+        Task h;
+        {
+            std::lock_guard lk(self->mu_);
+            self->pending_ = false;
+            if (self->cancelled_) return;
+            h = self->handler_;
+        }
+        if (h) h();
+    });
+}
+
+void TimerSource::cancel() {
+    std::shared_ptr<detail::TimerCore> core;
+    {
+        std::lock_guard lk(mu_);
+        cancelled_ = true;
+        core = std::move(core_);
+    }
+    if (auto s = queue_->scheduler().lock()) s->cancelTimer(core);
+}
+
+}  // namespace quenby::platform

@@ -1,0 +1,290 @@
+#include "platform/scheduler.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "platform/notifications.h"
+#include "support/test_server.h"
+#include "support/test_support.h"
+
+using namespace quenby;
+using namespace quenby::platform;
+using quenby::test::kTestStart;
+
+namespace {
+
+struct Log {
+    std::mutex mu;
+    std::vector<std::pair<double, std::string>> events;
+    void add(Scheduler& s, std::string what) {
+        std::lock_guard lk(mu);
+        events.emplace_back(s.now().timeIntervalSince1970() - kTestStart, std::move(what));
+    }
+};
+
+// A task that holds a queue until released from the test thread.
+struct Gate {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool entered = false, open = false;
+    void block() {
+        std::unique_lock lk(mu);
+        entered = true;
+        cv.notify_all();
+        cv.wait(lk, [&] { return open; });
+    }
+    void waitEntered() {
+        std::unique_lock lk(mu);
+        cv.wait(lk, [&] { return entered; });
+    }
+    void release() {
+        std::lock_guard lk(mu);
+        open = true;
+        cv.notify_all();
+    }
+};
+
+}  // namespace
+
+TEST(Scheduler, VirtualTimersOfEveryKindFireInDueOrderOnlyWhenAdvanced) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    Log log;
+    auto rl = s.scheduleRunLoopTimer(30, true, [&] { log.add(s, "runloop"); });
+    auto q = s.createSerialQueue("test.timers");
+    auto src = TimerSource::create(q);
+    src->setEventHandler([&] { log.add(s, "source"); });
+    src->setTimer(s.now().addingTimeInterval(10), std::chrono::seconds(20), std::chrono::seconds(1));
+    src->resume();
+    s.postToMainAfter(45, [&] { log.add(s, "after"); });
+
+    s.settle();
+    EXPECT_TRUE(log.events.empty()) << "nothing is due at the start";
+    EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart) << "settle never moves time";
+
+    s.advanceBy(60);
+    std::vector<std::pair<double, std::string>> want = {
+        {10, "source"}, {30, "runloop"}, {30, "source"}, {45, "after"},
+        {50, "source"}, {60, "runloop"}};
+    EXPECT_EQ(log.events, want);
+    EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 60);
+
+    rl->invalidate();
+    src->cancel();
+    s.advanceBy(600);
+    EXPECT_EQ(log.events.size(), want.size()) << "invalidated and cancelled timers stay quiet";
+}
+
+TEST(Scheduler, TimerStartingNowFiresOnSettleAndDestroyedSourcesStop) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    std::atomic<int> ticks{0};
+    auto q = s.createSerialQueue("test.now");
+    auto src = TimerSource::create(q);
+    src->setEventHandler([&] { ++ticks; });
+    src->setTimer(s.now(), std::chrono::seconds(30), std::chrono::seconds(1));
+    src->resume();
+    s.settle();
+    EXPECT_EQ(ticks, 1) << "a timer that starts now fires at once";
+    s.advanceBy(30);
+    EXPECT_EQ(ticks, 2);
+    src.reset();
+    s.advanceBy(300);
+    EXPECT_EQ(ticks, 2);
+}
+
+TEST(Scheduler, RunLoopTimerRunsOnHostThreadAndMayInvalidateItself) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    int fired = 0;
+    std::shared_ptr<RunLoopTimer> t;
+    t = s.scheduleRunLoopTimer(5, true, [&] {
+        EXPECT_TRUE(s.isHostThread());
+        if (++fired == 3) t->invalidate();
+    });
+    s.advanceBy(100);
+    EXPECT_EQ(fired, 3);
+    EXPECT_FALSE(t->isValid());
+}
+
+TEST(Scheduler, SerialQueueRunsInOrderAndSyncWaitsForEarlierWork) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    auto q = s.createSerialQueue("test.serial");
+    std::vector<int> order;  // touched only by tasks of q, or under q.sync
+    std::atomic<int> concurrent{0}, maxConcurrent{0};
+    for (int i = 0; i < 200; ++i) {
+        q->async([&, i] {
+            int c = ++concurrent;
+            maxConcurrent = std::max(maxConcurrent.load(), c);
+            order.push_back(i);
+            --concurrent;
+        });
+    }
+    std::size_t seen = 0;
+    bool onCaller = false;
+    auto caller = std::this_thread::get_id();
+    q->sync([&] {
+        seen = order.size();
+        onCaller = std::this_thread::get_id() == caller;
+        EXPECT_TRUE(q->isCurrent());
+        q->sync([&] { order.push_back(-1); });  // re-entrant sync runs at once
+    });
+    EXPECT_EQ(seen, 200u);
+    EXPECT_TRUE(onCaller);
+    EXPECT_FALSE(q->isCurrent());
+    EXPECT_EQ(maxConcurrent, 1);
+    s.settle();
+    ASSERT_EQ(order.size(), 201u);
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
+}
+
+TEST(Scheduler, QueuedTasksRunAfterTheQueueObjectIsGone) {
+    test::VirtualPlatform vp;
+    std::atomic<int> ran{0};
+    {
+        auto q = vp.scheduler().createSerialQueue("test.gone");
+        for (int i = 0; i < 10; ++i) q->async([&] { ++ran; });
+    }
+    vp.scheduler().settle();
+    EXPECT_EQ(ran, 10);
+}
+
+TEST(Scheduler, DataAddSourceCoalescesMergesIntoOnePassAndOneMoreDuringARun) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    auto q = s.createSerialQueue("test.dataadd");
+    auto src = DataAddSource::create(q);
+    std::mutex mu;
+    std::vector<unsigned long> runs;
+    Gate inHandler;
+    bool blockFirst = false;
+    src->setEventHandler([&](unsigned long data) {
+        {
+            std::lock_guard lk(mu);
+            runs.push_back(data);
+        }
+        if (blockFirst) {
+            blockFirst = false;
+            inHandler.block();
+        }
+    });
+    src->mergeData(1);
+    src->mergeData(1);
+    s.settle();
+    EXPECT_TRUE(runs.empty()) << "a suspended source only accumulates";
+    src->resume();
+    s.settle();
+    EXPECT_EQ(runs, (std::vector<unsigned long>{2}));
+
+    // Held queue: three merges while a run is pending make that one run.
+    Gate hold;
+    q->async([&] { hold.block(); });
+    hold.waitEntered();
+    src->mergeData(1);
+    src->mergeData(1);
+    src->mergeData(1);
+    hold.release();
+    s.settle();
+    EXPECT_EQ(runs, (std::vector<unsigned long>{2, 3}));
+
+    // Merges while the handler runs: exactly one more run afterwards.
+    blockFirst = true;
+    src->mergeData(1);
+    inHandler.waitEntered();
+    src->mergeData(1);
+    src->mergeData(1);
+    inHandler.release();
+    s.settle();
+    EXPECT_EQ(runs, (std::vector<unsigned long>{2, 3, 1, 2}));
+
+    src->cancel();
+    src->mergeData(5);
+    s.settle();
+    EXPECT_EQ(runs.size(), 4u);
+}
+
+TEST(Scheduler, SettleWaitsForHttpInFlightIncludingFireAndForget) {
+    test::VirtualPlatform vp;
+    test::TestServer server;
+    Gate handlerGate;
+    server.on("GET", "/slow", test::TestServer::Handler([&](const test::ReceivedRequest&) {
+                  handlerGate.block();
+                  return test::Reply{200, "done"};
+              }));
+    server.on("GET", "/ping", test::Reply{200, "pong"});
+
+    std::atomic<bool> completed{false};
+    std::thread::id completionThread;
+    HttpRequest slow;
+    slow.url = server.url("/slow");
+    vp.platform->http->send(slow, [&](HttpResponse r) {
+        EXPECT_FALSE(r.error);
+        EXPECT_EQ(toString(r.body), "done");
+        completionThread = std::this_thread::get_id();
+        completed = true;
+    });
+    HttpRequest ping;
+    ping.url = server.url("/ping");
+    vp.platform->http->send(ping, nullptr);
+
+    // Let the server go only once it holds the request, from another thread: settle() must not
+    // return before the completion has run.
+    std::thread releaser([&] {
+        handlerGate.waitEntered();
+        handlerGate.release();
+    });
+    vp.scheduler().settle();
+    releaser.join();
+    EXPECT_TRUE(completed);
+    EXPECT_NE(completionThread, std::this_thread::get_id());
+    EXPECT_EQ(server.requestsTo("/ping").size(), 1u);
+}
+
+TEST(Scheduler, MainQueueWorkFromBackgroundRunsOnHostDuringSettle) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    std::vector<int> order;
+    bool onHost = false;
+    s.dispatchGlobal([&] {
+        s.postToMain([&] {
+            onHost = s.isHostThread();
+            order.push_back(1);
+            s.postToMain([&] { order.push_back(2); });
+        });
+    });
+    s.settle();
+    EXPECT_TRUE(onHost);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(Scheduler, ExceptionInBackgroundTaskIsReportedNotFatal) {
+    test::VirtualPlatform vp;
+    test::ConsoleCapture console;
+    vp.scheduler().dispatchGlobal([] { throw std::runtime_error("boom"); });
+    vp.scheduler().settle();
+    EXPECT_TRUE(console.contains("Uncaught exception in background task: boom"));
+}
+
+TEST(Scheduler, SystemClockTimersFireOnTheirOwn) {
+    auto s = Scheduler::create(std::make_shared<SystemClock>());
+    auto q = s->createSerialQueue("test.system");
+    std::mutex mu;
+    std::condition_variable cv;
+    int ticks = 0;
+    auto src = TimerSource::create(q);
+    src->setEventHandler([&] {
+        std::lock_guard lk(mu);
+        ++ticks;
+        cv.notify_all();
+    });
+    src->setTimer(s->now(), std::chrono::milliseconds(1), std::chrono::milliseconds(0));
+    src->resume();
+    std::unique_lock lk(mu);
+    cv.wait(lk, [&] { return ticks >= 3; });
+    src->cancel();
+}
