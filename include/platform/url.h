@@ -33,4 +33,11 @@ private:
     std::string absolute_, scheme_, host_, path_, query_;
 };
 
+// The name of a URL's cache file: `prefix`, the decoded path components without the root "/"
+// joined with "-", then `suffix` ("zonewise-" + "/api/kits/17" + ".data" gives
+// "zonewise-api-kits-17.data"). Host, port, query and fragment play no part. The name never
+// leaves its directory: a "/" or NUL decoded from the path is written back as "%2F" or "%00", and
+// a name longer than a file system allows keeps its start and ends in a digest of the whole.
+std::string cacheFileName(std::string_view prefix, const Url& url, std::string_view suffix);
+
 }  // namespace quenby::platform

@@ -4,6 +4,8 @@
 
 #include <memory>
 
+#include "platform/crypto.h"
+
 namespace quenby::platform {
 
 namespace {
@@ -95,6 +97,31 @@ std::vector<std::string> Url::pathComponents() const {
 std::string Url::lastPathComponent() const {
     auto c = pathComponents();
     return c.empty() ? std::string() : c.back();
+}
+
+std::string cacheFileName(std::string_view prefix, const Url& url, std::string_view suffix) {
+    std::string joined;
+    bool first = true;
+    for (const auto& c : url.pathComponents()) {
+        if (c == "/") continue;
+        if (!first) joined += '-';
+        first = false;
+        for (char ch : c) {
+            if (ch == '/') {
+                joined += "%2F";
+            } else if (ch == '\0') {
+                joined += "%00";
+            } else {
+                joined += ch;
+            }
+        }
+    }
+    constexpr std::size_t kMaxName = 255;  // NAME_MAX of common Linux file systems
+    std::string name = std::string(prefix) + joined + std::string(suffix);
+    if (name.size() <= kMaxName) return name;
+    auto digest = sha1(joined);
+    std::string tail = "-" + hexString(digest.data(), digest.size()) + std::string(suffix);
+    return std::string(prefix) + joined.substr(0, kMaxName - prefix.size() - tail.size()) + tail;
 }
 
 }  // namespace quenby::platform

@@ -62,7 +62,8 @@ void ConsoleCapture::clear() {
     lines_.clear();
 }
 
-VirtualPlatform::VirtualPlatform(std::string vendorId) {
+VirtualPlatform::VirtualPlatform(std::string vendorId,
+                                 std::shared_ptr<platform::FileSystem> files) {
     platform::Platform::Options o;
     o.applicationId = "quenby-tests";
     o.bundleDirectory = bundle.path();
@@ -71,6 +72,7 @@ VirtualPlatform::VirtualPlatform(std::string vendorId) {
         platform::Date::fromSecondsSince1970(kTestStart));
     o.device = std::make_shared<platform::FixedDeviceInfo>(
         vendorId.empty() ? std::nullopt : platform::UUID::parse(vendorId));
+    o.files = std::move(files);
     platform = platform::Platform::create(std::move(o));
 }
 

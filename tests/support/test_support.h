@@ -1,6 +1,7 @@
 // Helpers for tests: temporary directories, console capture, a platform on virtual time.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -52,7 +53,8 @@ inline constexpr double kTestStart = 1772355600.0;
 // A platform on a virtual clock starting at kTestStart, with documents and bundle directories of
 // its own and a fixed vendor identifier (none when `vendorId` is empty).
 struct VirtualPlatform {
-    explicit VirtualPlatform(std::string vendorId = kTestVendorId);
+    explicit VirtualPlatform(std::string vendorId = kTestVendorId,
+                             std::shared_ptr<platform::FileSystem> files = nullptr);
     TempDir documents;
     TempDir bundle;
     std::shared_ptr<platform::Platform> platform;
@@ -63,5 +65,37 @@ struct VirtualPlatform {
 
 void writeFile(const std::string& path, const std::string& contents);
 std::optional<std::string> readFile(const std::string& path);
+
+}  // namespace quenby::test
+
+namespace quenby::test {
+
+// The local file system, with writes that fail on demand.
+class FaultyFileSystem final : public platform::FileSystem {
+public:
+    std::atomic<bool> failWrites{false};
+    std::optional<platform::Bytes> readFile(const std::string& path) const override {
+        return local_.readFile(path);
+    }
+    std::optional<platform::Error> writeFile(const std::string& path, const platform::Bytes& data,
+                                             bool atomically) override {
+        if (failWrites) return platform::Error{"POSIX", 28, "No space left on device: " + path};
+        return local_.writeFile(path, data, atomically);
+    }
+    bool fileExists(const std::string& path) const override { return local_.fileExists(path); }
+
+private:
+    platform::LocalFileSystem local_;
+};
+
+// Restores the proximity logger's threshold when it goes.
+class LogLevelGuard {
+public:
+    explicit LogLevelGuard(int level);
+    ~LogLevelGuard();
+
+private:
+    int saved_;
+};
 
 }  // namespace quenby::test

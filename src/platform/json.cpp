@@ -1,0 +1,184 @@
+#include "platform/json.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace quenby::platform {
+
+namespace {
+
+// Deepest nesting of arrays and objects in `text`, without parsing it.
+int nestingDepth(std::string_view text) {
+    int depth = 0, deepest = 0;
+    bool inString = false, escaped = false;
+    for (char c : text) {
+        if (inString) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                inString = false;
+            }
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+std::int64_t saturate(double d) {
+    if (std::isnan(d)) return 0;
+    if (d >= 9.2233720368547758e18) return std::numeric_limits<std::int64_t>::max();
+    if (d <= -9.2233720368547758e18) return std::numeric_limits<std::int64_t>::min();
+    return static_cast<std::int64_t>(d);
+}
+
+}  // namespace
+
+std::optional<Json> parseJson(std::string_view text, std::string* error, bool allowFragments) {
+    auto fail = [&](std::string why) -> std::optional<Json> {
+        if (error) *error = std::move(why);
+        return std::nullopt;
+    };
+    if (nestingDepth(text) > kMaxJsonDepth) {
+        return fail("JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
+    }
+    Json j;
+    try {
+        j = Json::parse(text.begin(), text.end());
+    } catch (const Json::exception& e) {
+        return fail(e.what());
+    }
+    if (!allowFragments && !j.is_object() && !j.is_array()) {
+        return fail("JSON text did not start with array or object");
+    }
+    return j;
+}
+
+std::optional<Number> Number::fromJson(const Json& j) {
+    switch (j.type()) {
+        case Json::value_t::number_integer:
+            return Number(static_cast<long long>(j.get<std::int64_t>()));
+        case Json::value_t::number_unsigned:
+            return Number(static_cast<unsigned long long>(j.get<std::uint64_t>()));
+        case Json::value_t::number_float:
+            return Number(j.get<double>());
+        default:
+            return std::nullopt;
+    }
+}
+
+std::int64_t Number::longLongValue() const {
+    if (auto* i = std::get_if<std::int64_t>(&v_)) return *i;
+    if (auto* u = std::get_if<std::uint64_t>(&v_)) return static_cast<std::int64_t>(*u);
+    return saturate(std::get<double>(v_));
+}
+
+std::int32_t Number::intValue() const {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(longLongValue()));
+}
+
+double Number::doubleValue() const {
+    if (auto* i = std::get_if<std::int64_t>(&v_)) return static_cast<double>(*i);
+    if (auto* u = std::get_if<std::uint64_t>(&v_)) return static_cast<double>(*u);
+    return std::get<double>(v_);
+}
+
+Json Number::toJson() const {
+    return std::visit([](auto v) { return Json(v); }, v_);
+}
+
+std::string Number::description() const {
+    if (auto* i = std::get_if<std::int64_t>(&v_)) return std::to_string(*i);
+    if (auto* u = std::get_if<std::uint64_t>(&v_)) return std::to_string(*u);
+    double d = std::get<double>(v_);
+    if (std::isnan(d)) return "nan";
+    if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
+    char buf[64];
+    auto r = std::to_chars(buf, buf + sizeof buf, d);
+    return std::string(buf, r.ptr);
+}
+
+bool operator==(const Number& a, const Number& b) {
+    if (a.isInteger() && b.isInteger()) {
+        auto* ai = std::get_if<std::int64_t>(&a.v_);
+        auto* bi = std::get_if<std::int64_t>(&b.v_);
+        if (ai && bi) return *ai == *bi;
+        auto* au = std::get_if<std::uint64_t>(&a.v_);
+        auto* bu = std::get_if<std::uint64_t>(&b.v_);
+        if (au && bu) return *au == *bu;
+        // One signed, one unsigned.
+        std::int64_t s = ai ? *ai : *bi;
+        std::uint64_t u = au ? *au : *bu;
+        return s >= 0 && static_cast<std::uint64_t>(s) == u;
+    }
+    return a.doubleValue() == b.doubleValue();
+}
+
+std::int32_t jsonIntValue(const Json* j) {
+    if (!j) return 0;
+    if (auto n = Number::fromJson(*j)) return n->intValue();
+    if (j->is_boolean()) return j->get<bool>() ? 1 : 0;
+    if (j->is_string()) {
+        const auto& s = j->get_ref<const std::string&>();
+        std::size_t i = 0;
+        while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\n' || s[i] == '\r')) ++i;
+        bool neg = false;
+        if (i < s.size() && (s[i] == '+' || s[i] == '-')) neg = s[i++] == '-';
+        std::int64_t v = 0;
+        for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+            v = v * 10 + (s[i] - '0');
+            if (v > std::int64_t{std::numeric_limits<std::int32_t>::max()} + 1) break;
+        }
+        if (neg) v = -v;
+        v = std::clamp<std::int64_t>(v, std::numeric_limits<std::int32_t>::min(),
+                                     std::numeric_limits<std::int32_t>::max());
+        return static_cast<std::int32_t>(v);
+    }
+    return 0;
+}
+
+double jsonDoubleValue(const Json* j) {
+    if (!j) return 0;
+    if (auto n = Number::fromJson(*j)) return n->doubleValue();
+    if (j->is_boolean()) return j->get<bool>() ? 1 : 0;
+    if (j->is_string()) {
+        const auto& s = j->get_ref<const std::string&>();
+        std::size_t i = s.find_first_not_of(" \t\r\n");
+        if (i == std::string::npos) return 0;
+        double v = 0;
+        auto r = std::from_chars(s.data() + i + (s[i] == '+' ? 1 : 0), s.data() + s.size(), v);
+        return r.ec == std::errc() ? v : 0;
+    }
+    return 0;
+}
+
+std::optional<std::string> jsonString(const Json* j) {
+    if (j && j->is_string()) return j->get<std::string>();
+    return std::nullopt;
+}
+
+const Json* jsonMember(const Json* j, const char* key) {
+    if (!j || !j->is_object()) return nullptr;
+    auto it = j->find(key);
+    return it == j->end() ? nullptr : &*it;
+}
+
+std::string describeJson(const Json& j) {
+    if (j.is_string()) return j.get<std::string>();
+    if (auto n = Number::fromJson(j)) return n->description();
+    if (j.is_boolean()) return j.get<bool>() ? "1" : "0";
+    if (j.is_null()) return "<null>";
+    return j.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace quenby::platform

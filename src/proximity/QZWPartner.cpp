@@ -1,0 +1,25 @@
+#include <mutex>
+
+#include "proximity/QZWDevice.h"
+#include "proximity/QZWPartner.h"
+
+namespace {
+std::mutex gPartnerMutex;
+std::string gPartnerId;  // guarded by gPartnerMutex
+}  // namespace
+
+void QZWPartner::setIdentifier(const std::string& identifier) {
+    std::lock_guard lk(gPartnerMutex);
+    gPartnerId = identifier;
+}
+
+std::string QZWPartner::getIdentifier() const {
+    std::lock_guard lk(gPartnerMutex);
+    return gPartnerId;
+}
+
+std::optional<std::string> QZWDevice::getUUID() const {
+    if (!device_) return std::nullopt;
+    auto id = device_->identifierForVendor();
+    return id ? std::optional(id->uuidString()) : std::nullopt;
+}

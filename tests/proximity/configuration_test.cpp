@@ -1,0 +1,82 @@
+#include "proximity/QZWConfiguration.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/plist.h"
+#include "proximity/QZWLogger.h"
+#include "support/test_support.h"
+
+using namespace quenby;
+using platform::Bundle;
+using platform::Json;
+using platform::Url;
+
+TEST(QZWConfiguration, ReadsTheHostBundleFirstThenTheLibrarysOwn) {
+    test::TempDir host, lib;
+    test::writeFile(lib.file("Zonewise.plist"),
+                    platform::toXmlPropertyList({{"ZWAPIToken", "library"}}));
+    QZWConfiguration fromLib(Bundle(host.path()), Bundle(lib.path()));
+    EXPECT_EQ(fromLib.apiToken(), "library");
+
+    test::writeFile(host.file("Zonewise.plist"),
+                    platform::toXmlPropertyList({{"ZWKitURL", "https://api.example.com/api/kits/17"},
+                                                 {"ZWAPIToken", "host"},
+                                                 {"ZWAnalyticsURL", "https://a.example.com/up"},
+                                                 {"ZWMapName", "Ground floor"}}));
+    QZWConfiguration c(Bundle(host.path()), Bundle(lib.path()));
+    EXPECT_EQ(c.plistPath(), host.file("Zonewise.plist"));
+    EXPECT_EQ(c.url()->absoluteString(), "https://api.example.com/api/kits/17");
+    EXPECT_EQ(c.apiToken(), "host");
+    EXPECT_EQ(c.analyticsURL()->host(), "a.example.com");
+    EXPECT_EQ(c.mapName(), "Ground floor");
+
+    // A dictionary replaces the file's settings; it does not merge with them.
+    c.configureWithDictionary({{"ZWAPIToken", "given"}});
+    EXPECT_EQ(c.apiToken(), "given");
+    EXPECT_FALSE(c.url());
+    EXPECT_FALSE(c.analyticsURL());
+    c.configureFromPlistFile();
+    EXPECT_EQ(c.apiToken(), "host");
+
+    c.setUrl(Url::parse("http://127.0.0.1:8080/kit"));
+    c.setMapName(std::nullopt);
+    c.setApiToken("t2");
+    EXPECT_EQ(c.config()["ZWKitURL"], "http://127.0.0.1:8080/kit");
+    EXPECT_FALSE(c.config().contains("ZWMapName"));
+    EXPECT_EQ(c.apiToken(), "t2");
+}
+
+TEST(QZWConfiguration, MissingOrBrokenFileLeavesEverythingAbsent) {
+    test::LogLevelGuard level(QZWLogLevelError);
+    test::ConsoleCapture console;
+    test::TempDir host;
+    QZWConfiguration c(Bundle(host.path()), std::nullopt);
+    EXPECT_TRUE(console.contains("Zonewise[Critical] ERROR: Missing Zonewise.plist file."));
+    EXPECT_TRUE(c.config().is_null());
+    EXPECT_FALSE(c.apiToken());
+    EXPECT_FALSE(c.url());
+
+    console.clear();
+    test::writeFile(host.file("Zonewise.plist"), "<plist><dict><key>ZWAPIToken</key>");
+    c.loadConfigFromPlist();
+    EXPECT_TRUE(console.lines().empty()) << "present but unreadable is not reported as missing";
+    EXPECT_TRUE(c.config().is_null());
+
+    test::writeFile(host.file("Zonewise.plist"),
+                    platform::toXmlPropertyList({{"ZWKitURL", "not a url"}, {"ZWAPIToken", 12}}));
+    c.loadConfigFromPlist();
+    EXPECT_FALSE(c.url()) << "an unparsable URL reads as absent";
+    EXPECT_FALSE(c.apiToken()) << "a token of the wrong type reads as absent";
+}
+
+TEST(QZWConfiguration, SharedInstanceIsMadeOnceFromTheFirstCallersBundles) {
+    test::VirtualPlatform a, b;
+    a.writeBundlePlist("Zonewise.plist", {{"ZWAPIToken", "first"}});
+    b.writeBundlePlist("Zonewise.plist", {{"ZWAPIToken", "second"}});
+    auto& shared = QZWConfiguration::sharedConfiguration(*a.platform);
+    EXPECT_EQ(&shared, &QZWConfiguration::sharedConfiguration(*b.platform));
+    EXPECT_EQ(shared.apiToken(), "first");
+    shared.setBundles(b.platform->mainBundle, std::nullopt);
+    shared.configureFromPlistFile();
+    EXPECT_EQ(QZWConfiguration::sharedConfiguration(*a.platform).apiToken(), "second");
+}

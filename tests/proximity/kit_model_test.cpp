@@ -1,0 +1,269 @@
+// The kit model and the deserializer, including documents from a broken or hostile server.
+#include <gtest/gtest.h>
+
+#include "platform/json.h"
+#include "proximity/QZWAPIDeserializer.h"
+#include "proximity/QZWLogger.h"
+#include "proximity/QZWKit.h"
+#include "support/test_support.h"
+
+using namespace quenby;
+using platform::Json;
+using platform::Number;
+using platform::UUID;
+
+namespace {
+
+const char* kU = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
+const char* kV = "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5";
+
+std::shared_ptr<const QZWKit> build(const Json& kit) { return QZWAPIDeserializer().buildKit(&kit); }
+
+Json beaconEntry(const std::string& uuid, Json major, Json minor, const std::string& id) {
+    return {{"uuid", uuid},     {"major", major}, {"minor", minor},
+            {"identifier", id}, {"name", "n-" + id}, {"attributes", {{"k", id}}}};
+}
+
+}  // namespace
+
+TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
+    test::LogLevelGuard quiet(QZWLogLevelError);
+    Json doc = {{"id", 17},
+                {"name", "Store"},
+                {"status_url", "http://s/sdk/v1/events"},
+                {"status_token", "st"},
+                {"map",
+                 {{"overlays",
+                   {{{"type", "polygon"}, {"identifier", "poly"}},
+                    {{"type", "circle"},
+                     {"identifier", "fence-1"},
+                     {"name", "Entrance"},
+                     {"radius", 25.5},
+                     {"center", {40.0, -75.0}},
+                     {"attributes", {{"lw_place_ids", "[1]"}}}},
+                    {{"type", "square"}, {"identifier", "sq"}},
+                    {{"type", "circle"}, {"identifier", "shared"}, {"center", {1, 2}}}}}}},
+                {"ibeacons",
+                 {beaconEntry(kU, 1, 2, "b-exact"), beaconEntry(kU, 1, nullptr, "b-major"),
+                  beaconEntry(kU, nullptr, nullptr, "b-uuid"), beaconEntry(kU, nullptr, 4, "b-minor"),
+                  beaconEntry(kV, 9, 9, "shared")}}};
+    auto kit = build(doc);
+    EXPECT_EQ(kit->id(), 17);
+    EXPECT_EQ(kit->name(), "Store");
+    EXPECT_EQ(kit->statusURL(), "http://s/sdk/v1/events");
+    EXPECT_EQ(kit->statusToken(), "st");
+    EXPECT_FALSE(kit->url());
+    EXPECT_EQ(kit->json(), doc);
+
+    ASSERT_TRUE(kit->map());
+    ASSERT_EQ(kit->map()->overlays().size(), 2u) << "polygons and unknown types yield nothing";
+    const auto& fence = kit->map()->overlays()[0];
+    EXPECT_EQ(fence->identifier(), "fence-1");
+    EXPECT_EQ(fence->latitude(), 40.0f) << "centre is latitude first";
+    EXPECT_EQ(fence->longitude(), -75.0f);
+    EXPECT_EQ(fence->radius(), 25.5f);
+    EXPECT_EQ(fence->attributes(), Json({{"lw_place_ids", "[1]"}}));
+    ASSERT_TRUE(fence->region());
+    EXPECT_EQ(fence->region()->identifier(), "fence-1");
+    EXPECT_EQ(fence->region()->latitude(), 40.0);
+    EXPECT_EQ(fence->region()->radius(), 25.5);
+    EXPECT_EQ(kit->map()->overlays()[1]->attributes(), Json::object());
+
+    const auto& regions = kit->beaconRegions();
+    ASSERT_EQ(regions.size(), 5u);
+    auto exact = regions[0]->region();
+    ASSERT_TRUE(exact);
+    EXPECT_EQ(exact->major(), 1);
+    EXPECT_EQ(exact->minor(), 2);
+    EXPECT_TRUE(exact->notifyOnEntry() && exact->notifyOnExit() && exact->notifyEntryStateOnDisplay());
+    EXPECT_EQ(regions[1]->region()->major(), 1);
+    EXPECT_FALSE(regions[1]->region()->minor());
+    EXPECT_FALSE(regions[2]->region()->major());
+    EXPECT_FALSE(regions[2]->hasMajor());
+    EXPECT_TRUE(regions[3]->hasMinor());
+    EXPECT_FALSE(regions[3]->region()) << "a minor without a major is never registered";
+
+    // Circles shadow beacon regions of the same identifier.
+    EXPECT_EQ(kit->getRegionForIdentifier("shared")->kind(), QZWRegion::Kind::Circle);
+    EXPECT_EQ(kit->getRegionForIdentifier("b-major"), regions[1]);
+    EXPECT_EQ(kit->getRegionForIdentifier("B-MAJOR"), nullptr) << "identifiers are case-sensitive";
+
+    std::vector<std::string> seen;
+    kit->enumerateIBeaconsUsingBlock([&](const auto& b, std::size_t i, bool& stop) {
+        seen.push_back(std::to_string(i) + ":" + b->identifier().value_or("?"));
+        stop = i == 1;
+    });
+    EXPECT_EQ(seen, (std::vector<std::string>{"0:b-exact", "1:b-major"}));
+}
+
+TEST(QZWKit, MoreThanTwentyEntriesCollapseToOneGenericRegionPerDistinctUUID) {
+    test::LogLevelGuard debug(QZWLogLevelDebug);
+    test::ConsoleCapture console;
+    Json twenty = Json::array();
+    for (int i = 0; i < 20; ++i) twenty.push_back(beaconEntry(kU, i, 1, "e" + std::to_string(i)));
+    auto kit20 = build({{"ibeacons", twenty}});
+    ASSERT_EQ(kit20->beaconRegions().size(), 20u);
+    EXPECT_EQ(kit20->beaconRegions()[19]->identifier(), "e19");
+    EXPECT_TRUE(console.lines().empty());
+
+    Json many = twenty;
+    many.push_back(beaconEntry(kV, 1, 1, "v"));
+    many.push_back(beaconEntry(kU, 2, 2, "again"));
+    many.push_back({{"identifier", "no-uuid"}});
+    auto kit = build({{"ibeacons", many}});
+    ASSERT_EQ(kit->beaconRegions().size(), 2u);
+    EXPECT_EQ(console.lines(),
+              (std::vector<std::string>{"Zonewise[Debug] More than 20 regions found, registering "
+                                        "generic UUID level regions"}));
+    for (std::size_t i = 0; i < 2; ++i) {
+        const auto& r = kit->beaconRegions()[i];
+        EXPECT_EQ(r->identifier(), "zw-ibeacon-region-" + std::to_string(i));
+        EXPECT_FALSE(r->hasMajor());
+        EXPECT_FALSE(r->hasMinor());
+        EXPECT_TRUE(r->attributes().is_null());
+        ASSERT_TRUE(r->region());
+        EXPECT_FALSE(r->region()->major()) << "a generic region monitors every beacon of its UUID";
+    }
+    EXPECT_EQ(kit->beaconRegions()[0]->uuid()->uuidString(), kU) << "first appearance first";
+    EXPECT_EQ(kit->beaconRegions()[1]->uuid()->uuidString(), kV);
+
+    // 21 entries of one UUID: one region. The entries themselves stay in the document.
+    Json same = Json::array();
+    for (int i = 0; i < 21; ++i) same.push_back(beaconEntry(kU, i, i, "s" + std::to_string(i)));
+    auto one = build({{"ibeacons", same}});
+    EXPECT_EQ(one->beaconRegions().size(), 1u);
+    EXPECT_EQ(one->json()["ibeacons"].size(), 21u);
+}
+
+TEST(QZWKit, RegionEqualityIsAsymmetricAndHashOrsTheUUIDHash) {
+    auto lower = std::make_shared<QZWBeaconRegion>(
+        beaconEntry("e621e1f8-c36c-495a-93fc-0c247a3e6e5f", nullptr, nullptr, "u"));
+    auto major = std::make_shared<QZWBeaconRegion>(beaconEntry(kU, 5, nullptr, "m"));
+    auto exact = std::make_shared<QZWBeaconRegion>(beaconEntry(kU, 5, 7, "e"));
+    auto exact2 = std::make_shared<QZWBeaconRegion>(beaconEntry(kU, 5.0, 7, "e2"));
+    auto other = std::make_shared<QZWBeaconRegion>(beaconEntry(kV, 5, 7, "o"));
+    EXPECT_TRUE(lower->isEqual(exact.get())) << "UUID-only equals the more specific region";
+    EXPECT_FALSE(exact->isEqual(lower.get())) << "but not the reverse";
+    EXPECT_TRUE(major->isEqual(exact.get()));
+    EXPECT_FALSE(exact->isEqual(major.get()));
+    EXPECT_TRUE(exact->isEqual(exact2.get())) << "majors compare numerically";
+    EXPECT_FALSE(exact->isEqual(other.get()));
+    EXPECT_FALSE(exact->isEqual(nullptr));
+    QZWBeacon beacon(beaconEntry(kU, 5, 7, "b"));
+    EXPECT_FALSE(exact->isEqual(&beacon)) << "only the same class compares";
+
+    std::size_t uuidHash = UUID::parse(kU)->hash();
+    EXPECT_EQ(exact->hash(), uuidHash | (std::size_t{5} ^ ~std::size_t{7}));
+    EXPECT_EQ(lower->hash(), uuidHash | (std::size_t{0} ^ ~std::size_t{0}));
+
+    platform::Beacon live{*UUID::parse(kU), 5, 7, 2, 1.2, -63};
+    QZWBeacon ranged(live, nullptr);
+    EXPECT_TRUE(ranged.isEqual(&beacon));
+    EXPECT_EQ(ranged.rssi(), Number(-63));
+    EXPECT_EQ(ranged.accuracy(), 1.2);
+    EXPECT_EQ(ranged.proximity(), 2);
+    EXPECT_FALSE(ranged.name());
+    EXPECT_EQ(ranged.attributes(), Json::object());
+}
+
+TEST(QZWKit, KitIdKeepsTheLowThirtyTwoBitsSignExtended) {
+    EXPECT_EQ(build({{"id", 2147483647}})->id(), 2147483647);
+    EXPECT_EQ(build({{"id", 2147483648LL}})->id(), -2147483648LL);
+    EXPECT_EQ(build({{"id", 4294967297LL}})->id(), 1);
+    EXPECT_EQ(build({{"id", 3000000000ULL}})->id(), -1294967296LL);
+    EXPECT_EQ(build({{"id", 17.9}})->id(), 17);
+    EXPECT_EQ(build({{"id", "42abc"}})->id(), 42);
+    EXPECT_EQ(build({{"id", 1e300}})->id(), -1) << "saturated to 64 bits, then cut";
+}
+
+TEST(QZWKit, MalformedDocumentsYieldFewerFieldsAndNeverCrash) {
+    test::LogLevelGuard quiet(QZWLogLevelError);
+    EXPECT_EQ(QZWAPIDeserializer().buildKit(nullptr)->beaconRegions().size(), 0u);
+    Json nullKit;
+    auto empty = QZWAPIDeserializer().buildKit(&nullKit);
+    EXPECT_EQ(empty->id(), 0);
+    EXPECT_FALSE(empty->name());
+    EXPECT_FALSE(empty->map());
+    EXPECT_TRUE(empty->json().is_null());
+    EXPECT_EQ(empty->getRegionForIdentifier("x"), nullptr);
+
+    std::vector<Json> hostile = {
+        Json::array({1, 2}),
+        {{"id", {1}}, {"name", 5}, {"status_url", Json::object()}, {"map", nullptr}},
+        {{"map", Json::array()}, {"ibeacons", Json::object()}},
+        {{"map", {{"overlays", "x"}}}, {"ibeacons", "x"}},
+        {{"map", {{"overlays", {1, "circle", nullptr, Json::array()}}}}},
+        {{"map",
+          {{"overlays",
+            {{{"type", "circle"}, {"center", "x"}, {"radius", "12.5"}, {"identifier", 3}},
+             {{"type", "circle"}, {"center", {1}}, {"radius", nullptr}},
+             {{"type", "circle"}, {"center", {"4", true, 3}}, {"attributes", {1, 2}}}}}}}},
+        {{"ibeacons",
+          {1, "x", nullptr, Json::array(), Json::object(),
+           {{"uuid", 5}, {"major", "5"}, {"minor", {1}}},
+           {{"uuid", "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}"}, {"major", 1}},
+           {{"uuid", "E621E1F8C36C495A93FC0C247A3E6E5F"}},
+           {{"uuid", kU}, {"major", -1}, {"minor", 70000}, {"attributes", nullptr}},
+           {{"uuid", kU}, {"major", 1e300}, {"minor", -1e300}}}}},
+    };
+    for (const Json& doc : hostile) {
+        auto kit = build(doc);
+        kit->getRegionForIdentifier("x");
+        kit->enumerateIBeaconsUsingBlock([](const auto&, std::size_t, bool&) {});
+        kit->getIBeaconForCLBeacon({*UUID::parse(kU), 1, 2, 1, 0.5, -60});
+        for (const auto& r : kit->beaconRegions()) (void)r->region();
+    }
+
+    auto circles = build(hostile[5])->map()->overlays();
+    ASSERT_EQ(circles.size(), 3u);
+    EXPECT_EQ(circles[0]->radius(), 12.5f) << "numeric text reads as its number";
+    EXPECT_EQ(circles[0]->latitude(), 0.0f);
+    EXPECT_FALSE(circles[0]->identifier());
+    EXPECT_EQ(circles[0]->region()->identifier(), "");
+    EXPECT_EQ(circles[1]->latitude(), 1.0f);
+    EXPECT_EQ(circles[1]->longitude(), 0.0f);
+    EXPECT_EQ(circles[2]->latitude(), 4.0f);
+    EXPECT_EQ(circles[2]->longitude(), 1.0f);
+    EXPECT_EQ(circles[2]->attributes(), Json::object());
+
+    auto beacons = build(hostile[6])->beaconRegions();
+    ASSERT_EQ(beacons.size(), 6u) << "only object entries are entries";
+    EXPECT_FALSE(beacons[0]->uuid());
+    EXPECT_FALSE(beacons[0]->region());
+    EXPECT_FALSE(beacons[1]->uuid()) << "wrong types are absent";
+    EXPECT_FALSE(beacons[1]->hasMajor());
+    EXPECT_FALSE(beacons[2]->uuid()) << "braces are not the canonical form";
+    EXPECT_FALSE(beacons[3]->uuid()) << "nor is a UUID without hyphens";
+    EXPECT_FALSE(beacons[3]->region());
+    EXPECT_EQ(beacons[4]->region()->major(), 65535) << "16-bit as the platform takes it";
+    EXPECT_EQ(beacons[4]->region()->minor(), 70000 % 65536);
+    EXPECT_TRUE(beacons[4]->attributes().is_null()) << "a JSON null is kept";
+}
+
+TEST(QZWKit, DeepAttributesAndTenThousandEntries) {
+    test::LogLevelGuard quiet(QZWLogLevelError);
+    Json deep = Json::object();
+    Json* cur = &deep;
+    for (int i = 0; i < 400; ++i) cur = &((*cur)["d"] = Json::object());
+    Json list = Json::array();
+    for (int i = 0; i < 10000; ++i) {
+        list.push_back(beaconEntry(i % 2 ? kU : kV, i, i, "e" + std::to_string(i)));
+    }
+    list[0]["attributes"] = deep;
+    auto kit = build({{"ibeacons", list}});
+    EXPECT_EQ(kit->beaconRegions().size(), 2u);
+    auto hit = kit->getIBeaconForCLBeacon({*UUID::parse(kV), 0, 0, 1, 0.5, -60});
+    EXPECT_EQ(hit->identifier(), "e0");
+    EXPECT_EQ(hit->attributes(), deep);
+    auto last = kit->getIBeaconForCLBeacon({*UUID::parse(kU), 9999, 9999, 1, 0.5, -60});
+    EXPECT_EQ(last->identifier(), "e9999");
+}
+
+TEST(QZWAPIDeserializer, PlatformWithoutBeaconSupportRegistersNoBeaconRegions) {
+    test::LogLevelGuard quiet(QZWLogLevelError);
+    test::ConsoleCapture console;
+    Json list = {beaconEntry(kU, 1, 1, "a")};
+    EXPECT_TRUE(QZWAPIDeserializer(false).buildBeaconRegions(&list).empty());
+    EXPECT_EQ(console.lines(),
+              (std::vector<std::string>{"Zonewise[Alert] Beacons are not supported on iOS 6.x"}));
+}
