@@ -467,6 +467,8 @@ void DispatchQueue::scheduleDrain(const std::shared_ptr<State>& state,
         tlCurrentQueues.push_back(state.get());
         t();
         t = nullptr;
+        // Notifications the task queued belong to it: delivered before the queue moves on.
+        NotificationQueue::defaultQueue().flush();
         tlCurrentQueues.pop_back();
         bool more;
         {

@@ -86,6 +86,14 @@ TEST(QZWAPIRequest, ServerErrorPageIsCachedAndFailsToParseWithoutAnError) {
               "<html>Internal Server Error</html>");
     auto errors = console.withPrefix("Zonewise[Error] API JSON Error:");
     EXPECT_EQ(errors.size(), 1u);
+
+    // A hostile answer nested 100,000 deep is refused before parsing, the same way.
+    server.on("GET", "/deep", test::Reply{200, std::string(100000, '[') + std::string(100000, ']')});
+    console.clear();
+    Outcome deep = fetch(vp, api, Url::parse(server.url("/deep")));
+    EXPECT_FALSE(deep.error);
+    EXPECT_FALSE(deep.object);
+    EXPECT_TRUE(console.contains("Zonewise[Error] API JSON Error:JSON nested deeper than 512 levels"));
 }
 
 TEST(QZWAPIRequest, EmptyBodyIsNoDataAndRefusedConnectionIsTransportErrorBothWithTheCachedKit) {
