@@ -11,7 +11,7 @@
 namespace quenby::platform {
 
 class Bundle {
-public:
+  public:
     explicit Bundle(std::string directory) : dir_(std::move(directory)) {}
 
     const std::string& directory() const { return dir_; }
@@ -22,7 +22,7 @@ public:
     // "Info.plist" as a dictionary; an empty one when the file is missing or unreadable.
     nlohmann::json infoDictionary() const;
 
-private:
+  private:
     std::string dir_;
 };
 

@@ -9,7 +9,7 @@
 namespace quenby::platform {
 
 class Clock {
-public:
+  public:
     Clock() = default;
     Clock(const Clock&) = delete;
     Clock& operator=(const Clock&) = delete;
@@ -23,14 +23,14 @@ public:
 
 // Wall-clock time.
 class SystemClock final : public Clock {
-public:
+  public:
     Date now() const override;
     bool isVirtual() const override { return false; }
 };
 
 // Time that stands still until Scheduler::advanceTo moves it. Only the scheduler sets it.
 class VirtualClock final : public Clock {
-public:
+  public:
     explicit VirtualClock(Date start) : now_(start.timeIntervalSince1970()) {}
     Date now() const override { return Date::fromSecondsSince1970(now_.load()); }
     bool isVirtual() const override { return true; }
@@ -38,7 +38,7 @@ public:
     // Moves the clock forward; a date in the past leaves it where it is.
     void setNow(Date d);
 
-private:
+  private:
     std::atomic<double> now_;
 };
 

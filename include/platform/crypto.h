@@ -14,7 +14,9 @@ namespace quenby::platform {
 using Sha1Digest = std::array<std::uint8_t, 20>;
 
 Sha1Digest sha1(const std::uint8_t* data, std::size_t size);
-inline Sha1Digest sha1(const Bytes& b) { return sha1(b.data(), b.size()); }
+inline Sha1Digest sha1(const Bytes& b) {
+    return sha1(b.data(), b.size());
+}
 inline Sha1Digest sha1(std::string_view s) {
     return sha1(reinterpret_cast<const std::uint8_t*>(s.data()), s.size());
 }

@@ -10,7 +10,7 @@
 namespace quenby::platform {
 
 class DeviceInfo {
-public:
+  public:
     DeviceInfo() = default;
     DeviceInfo(const DeviceInfo&) = delete;
     DeviceInfo& operator=(const DeviceInfo&) = delete;
@@ -21,11 +21,11 @@ public:
 
 // A given identifier (or none): tests and the simulator.
 class FixedDeviceInfo final : public DeviceInfo {
-public:
+  public:
     explicit FixedDeviceInfo(std::optional<UUID> id) : id_(id) {}
     std::optional<UUID> identifierForVendor() const override { return id_; }
 
-private:
+  private:
     std::optional<UUID> id_;
 };
 
@@ -33,14 +33,14 @@ private:
 // stable per machine and application and does not reveal the machine id itself. Without a machine
 // id, a random identifier is kept in `fallbackFile`.
 class LinuxDeviceInfo final : public DeviceInfo {
-public:
+  public:
     LinuxDeviceInfo(std::string applicationId, std::string fallbackFile);
     std::optional<UUID> identifierForVendor() const override { return id_; }
 
     // The derivation, exposed for tests.
     static UUID derive(const std::string& machineId, const std::string& applicationId);
 
-private:
+  private:
     std::optional<UUID> id_;
 };
 

@@ -10,7 +10,7 @@
 namespace quenby::platform {
 
 class FileSystem {
-public:
+  public:
     FileSystem() = default;
     FileSystem(const FileSystem&) = delete;
     FileSystem& operator=(const FileSystem&) = delete;
@@ -27,7 +27,7 @@ public:
 };
 
 class LocalFileSystem final : public FileSystem {
-public:
+  public:
     std::optional<Bytes> readFile(const std::string& path) const override;
     std::optional<Error> writeFile(const std::string& path, const Bytes& data,
                                    bool atomically) override;

@@ -37,7 +37,7 @@ struct HttpResponse {
 };
 
 class HttpClient {
-public:
+  public:
     using Completion = std::function<void(HttpResponse)>;
 
     HttpClient() = default;
@@ -54,12 +54,12 @@ public:
 
 // libcurl, TLS verification on, redirects followed.
 class CurlHttpClient final : public HttpClient {
-public:
+  public:
     explicit CurlHttpClient(std::weak_ptr<Scheduler> scheduler);
     void send(HttpRequest request, Completion completion) override;
     HttpResponse sendSync(const HttpRequest& request) override;
 
-private:
+  private:
     std::weak_ptr<Scheduler> scheduler_;
 };
 

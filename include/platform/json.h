@@ -32,7 +32,7 @@ inline std::optional<Json> parseJson(const Bytes& b, std::string* error = nullpt
 
 // A boxed number as the JSON documents carry it: an integer or a floating-point value.
 class Number {
-public:
+  public:
     Number() : v_(std::int64_t{0}) {}
     Number(int v) : v_(std::int64_t{v}) {}
     Number(long v) : v_(std::int64_t{v}) {}
@@ -61,7 +61,7 @@ public:
     // Numeric equality: 5 == 5.0.
     friend bool operator==(const Number& a, const Number& b);
 
-private:
+  private:
     std::variant<std::int64_t, std::uint64_t, double> v_;
 };
 

@@ -11,31 +11,33 @@
 namespace quenby::platform {
 
 class Region {
-public:
+  public:
     enum class Kind { Circular, Beacon };
     virtual ~Region() = default;
     virtual Kind kind() const = 0;
     const std::string& identifier() const { return identifier_; }
 
-protected:
+  protected:
     explicit Region(std::string identifier) : identifier_(std::move(identifier)) {}
 
-private:
+  private:
     std::string identifier_;
 };
 
 // A circular geofence.
 class CircularRegion final : public Region {
-public:
+  public:
     CircularRegion(double latitude, double longitude, double radius, std::string identifier)
-        : Region(std::move(identifier)), latitude_(latitude), longitude_(longitude),
+        : Region(std::move(identifier)),
+          latitude_(latitude),
+          longitude_(longitude),
           radius_(radius) {}
     Kind kind() const override { return Kind::Circular; }
     double latitude() const { return latitude_; }
     double longitude() const { return longitude_; }
     double radius() const { return radius_; }
 
-private:
+  private:
     double latitude_, longitude_, radius_;
 };
 
@@ -46,12 +48,15 @@ struct BeaconRegionNotify {
 
 // An iBeacon region: a proximity UUID, optionally narrowed by major, then by minor.
 class BeaconRegion final : public Region {
-public:
+  public:
     using Notify = BeaconRegionNotify;
     BeaconRegion(UUID uuid, std::optional<std::uint16_t> major, std::optional<std::uint16_t> minor,
                  std::string identifier, Notify notify = {})
-        : Region(std::move(identifier)), uuid_(uuid), major_(major),
-          minor_(major ? minor : std::nullopt), notify_(notify) {}
+        : Region(std::move(identifier)),
+          uuid_(uuid),
+          major_(major),
+          minor_(major ? minor : std::nullopt),
+          notify_(notify) {}
     Kind kind() const override { return Kind::Beacon; }
     const UUID& proximityUUID() const { return uuid_; }
     const std::optional<std::uint16_t>& major() const { return major_; }
@@ -60,7 +65,7 @@ public:
     bool notifyOnExit() const { return notify_.onExit; }
     bool notifyEntryStateOnDisplay() const { return notify_.entryStateOnDisplay; }
 
-private:
+  private:
     UUID uuid_;
     std::optional<std::uint16_t> major_, minor_;
     Notify notify_;

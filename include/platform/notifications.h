@@ -18,7 +18,7 @@ namespace quenby::platform {
 
 // A string-keyed dictionary of values of any copyable type (model objects, numbers, arrays).
 class UserInfo {
-public:
+  public:
     template <class T>
     UserInfo& set(const std::string& key, T value) {
         values_[key] = std::move(value);
@@ -34,7 +34,7 @@ public:
     std::vector<std::string> keys() const;
     const std::map<std::string, std::any>& values() const { return values_; }
 
-private:
+  private:
     std::map<std::string, std::any> values_;
 };
 
@@ -45,7 +45,7 @@ struct Notification {
 };
 
 class NotificationCenter {
-public:
+  public:
     using Callback = std::function<void(const Notification&)>;
     using ObserverId = std::uint64_t;
 
@@ -64,7 +64,7 @@ public:
     // Delivers synchronously on the calling thread, in the order observers were added.
     void post(const Notification& n);
 
-private:
+  private:
     struct Observer {
         ObserverId id;
         std::string name;
@@ -72,15 +72,15 @@ private:
         std::shared_ptr<Callback> cb;
     };
     std::mutex mu_;
-    ObserverId next_ = 1;             // guarded by mu_
-    std::vector<Observer> observers_; // guarded by mu_
+    ObserverId next_ = 1;              // guarded by mu_
+    std::vector<Observer> observers_;  // guarded by mu_
 };
 
 // The calling thread's notification queue (as-soon-as-possible posting style, coalesced by name
 // and by sender). Threads that run a run loop or queue tasks deliver at the end of the current
 // pass or task; on any other thread there is no pass to wait for, so the post happens at once.
 class NotificationQueue {
-public:
+  public:
     static NotificationQueue& defaultQueue();
 
     // Queues `n` for `center` unless a notification of the same name and sender for the same
@@ -97,7 +97,7 @@ public:
     static void beginWorkItem();
     static void endWorkItem();
 
-private:
+  private:
     struct Pending {
         Notification n;
         NotificationCenter* center;
@@ -107,7 +107,7 @@ private:
 
 // RAII bracket for NotificationQueue::beginWorkItem/endWorkItem.
 class WorkItemScope {
-public:
+  public:
     WorkItemScope() { NotificationQueue::beginWorkItem(); }
     ~WorkItemScope() { NotificationQueue::endWorkItem(); }
     WorkItemScope(const WorkItemScope&) = delete;

@@ -34,7 +34,7 @@ struct TimerCore;
 }
 
 class Scheduler : public std::enable_shared_from_this<Scheduler> {
-public:
+  public:
     // The calling thread becomes the host thread.
     static std::shared_ptr<Scheduler> create(std::shared_ptr<Clock> clock);
     ~Scheduler();
@@ -84,7 +84,7 @@ public:
 
     // Marks work that runs outside the queues (an HTTP exchange) so that settle() waits for it.
     class WorkToken {
-    public:
+      public:
         WorkToken() = default;
         explicit WorkToken(Scheduler* s);
         WorkToken(WorkToken&& o) noexcept : s_(std::exchange(o.s_, nullptr)) {}
@@ -94,7 +94,7 @@ public:
         ~WorkToken() { release(); }
         void release();
 
-    private:
+      private:
         Scheduler* s_ = nullptr;
     };
     WorkToken beginWork() { return WorkToken(this); }
@@ -106,7 +106,7 @@ public:
                                                 bool onHost, Task fire);
     void cancelTimer(const std::shared_ptr<detail::TimerCore>& t);
 
-private:
+  private:
     explicit Scheduler(std::shared_ptr<Clock> clock);
     void beginWorkUnit();
     void endWorkUnit();
@@ -134,7 +134,7 @@ private:
 
 // A timer on the host run loop (the platform's repeating run-loop timer).
 class RunLoopTimer {
-public:
+  public:
     explicit RunLoopTimer(std::weak_ptr<Scheduler> s, std::shared_ptr<detail::TimerCore> core)
         : scheduler_(std::move(s)), core_(std::move(core)) {}
     ~RunLoopTimer();
@@ -144,14 +144,14 @@ public:
     void invalidate();
     bool isValid() const;
 
-private:
+  private:
     std::weak_ptr<Scheduler> scheduler_;
     std::shared_ptr<detail::TimerCore> core_;
 };
 
 // A serial queue: tasks run one at a time, in the order queued, on pool threads.
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
-public:
+  public:
     ~DispatchQueue();
     DispatchQueue(const DispatchQueue&) = delete;
     DispatchQueue& operator=(const DispatchQueue&) = delete;
@@ -168,7 +168,7 @@ public:
 
     const std::weak_ptr<Scheduler>& scheduler() const { return scheduler_; }
 
-private:
+  private:
     friend class Scheduler;
     struct State;
     DispatchQueue(std::weak_ptr<Scheduler> s, std::string label);
@@ -184,7 +184,7 @@ private:
 // A source that sums the values merged into it and runs its handler once per batch: merges that
 // arrive while a run is pending join it; merges during a run cause one more run afterwards.
 class DataAddSource : public std::enable_shared_from_this<DataAddSource> {
-public:
+  public:
     using Handler = std::function<void(unsigned long data)>;
     // Sources start suspended: merges accumulate until resume().
     static std::shared_ptr<DataAddSource> create(std::shared_ptr<DispatchQueue> queue);
@@ -195,23 +195,23 @@ public:
     void resume();
     void cancel();
 
-private:
+  private:
     explicit DataAddSource(std::shared_ptr<DispatchQueue> q) : queue_(std::move(q)) {}
     void scheduleLocked();
 
     std::shared_ptr<DispatchQueue> queue_;
     std::mutex mu_;
-    Handler handler_;        // guarded by mu_
-    unsigned long data_ = 0; // guarded by mu_
-    bool pending_ = false;   // guarded by mu_: a handler run is queued and has not started
-    bool resumed_ = false;   // guarded by mu_
-    bool cancelled_ = false; // guarded by mu_
+    Handler handler_;         // guarded by mu_
+    unsigned long data_ = 0;  // guarded by mu_
+    bool pending_ = false;    // guarded by mu_: a handler run is queued and has not started
+    bool resumed_ = false;    // guarded by mu_
+    bool cancelled_ = false;  // guarded by mu_
 };
 
 // A timer that runs its handler on a queue. Fires that come while a run is still queued or
 // running merge into it. Destroying the source cancels it.
 class TimerSource : public std::enable_shared_from_this<TimerSource> {
-public:
+  public:
     static std::shared_ptr<TimerSource> create(std::shared_ptr<DispatchQueue> queue);
     ~TimerSource();
 
@@ -222,19 +222,19 @@ public:
     void resume();
     void cancel();
 
-private:
+  private:
     explicit TimerSource(std::shared_ptr<DispatchQueue> q) : queue_(std::move(q)) {}
     void arm();
     void fire();
 
     std::shared_ptr<DispatchQueue> queue_;
     std::mutex mu_;
-    Task handler_;                                 // guarded by mu_
-    Date start_;                                   // guarded by mu_
-    std::chrono::nanoseconds interval_{0};         // guarded by mu_
-    bool configured_ = false, resumed_ = false;    // guarded by mu_
-    bool cancelled_ = false, pending_ = false;     // guarded by mu_
-    std::shared_ptr<detail::TimerCore> core_;      // guarded by mu_
+    Task handler_;                               // guarded by mu_
+    Date start_;                                 // guarded by mu_
+    std::chrono::nanoseconds interval_{0};       // guarded by mu_
+    bool configured_ = false, resumed_ = false;  // guarded by mu_
+    bool cancelled_ = false, pending_ = false;   // guarded by mu_
+    std::shared_ptr<detail::TimerCore> core_;    // guarded by mu_
 };
 
 }  // namespace quenby::platform

@@ -12,13 +12,17 @@ namespace quenby::platform {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline Bytes toBytes(std::string_view s) { return Bytes(s.begin(), s.end()); }
-inline std::string toString(const Bytes& b) { return std::string(b.begin(), b.end()); }
+inline Bytes toBytes(std::string_view s) {
+    return Bytes(s.begin(), s.end());
+}
+inline std::string toString(const Bytes& b) {
+    return std::string(b.begin(), b.end());
+}
 
 // An instant, held as seconds since 1970-01-01 00:00:00 UTC. That is the form every database
 // column and timer of the library works in, so no conversion happens on the hot paths.
 class Date {
-public:
+  public:
     constexpr Date() = default;
     static constexpr Date fromSecondsSince1970(double s) { return Date(s); }
     // The platform's far ends of time: 0001-01-01 and 4001-01-01, both UTC.
@@ -32,7 +36,7 @@ public:
 
     constexpr auto operator<=>(const Date&) const = default;
 
-private:
+  private:
     constexpr explicit Date(double s) : s_(s) {}
     double s_ = 0.0;
 };

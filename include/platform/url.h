@@ -9,7 +9,7 @@
 namespace quenby::platform {
 
 class Url {
-public:
+  public:
     // Parses an absolute URL ("scheme://host[:port]/path?query#fragment"). Answers nothing for
     // text that is not one (relative references, blanks, bad ports, bad percent-escapes).
     static std::optional<Url> parse(std::string_view text);
@@ -29,7 +29,7 @@ public:
 
     bool operator==(const Url& o) const { return absolute_ == o.absolute_; }
 
-private:
+  private:
     std::string absolute_, scheme_, host_, path_, query_;
 };
 

@@ -12,7 +12,7 @@
 namespace quenby::platform {
 
 class UUID {
-public:
+  public:
     using Bytes16 = std::array<std::uint8_t, 16>;
 
     constexpr UUID() = default;
@@ -29,7 +29,7 @@ public:
 
     constexpr auto operator<=>(const UUID&) const = default;
 
-private:
+  private:
     Bytes16 bytes_{};
 };
 

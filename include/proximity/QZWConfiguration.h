@@ -15,7 +15,7 @@ struct Platform;
 }
 
 class QZWConfiguration {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Url = quenby::platform::Url;
 
@@ -55,12 +55,14 @@ public:
     Json config() const;
     void setConfig(Json config);
 
-private:
+  private:
     std::optional<std::string> stringFor(const char* key) const;
     void setString(const char* key, const std::optional<std::string>& value);
+    std::optional<Url> urlFor(const char* key) const;
+    void setUrlFor(const char* key, const std::optional<Url>& url);
 
     mutable std::mutex mu_;
-    quenby::platform::Bundle mainBundle_;                   // guarded by mu_
-    std::optional<quenby::platform::Bundle> libraryBundle_; // guarded by mu_
-    Json config_;                                           // guarded by mu_
+    quenby::platform::Bundle mainBundle_;                    // guarded by mu_
+    std::optional<quenby::platform::Bundle> libraryBundle_;  // guarded by mu_
+    Json config_;                                            // guarded by mu_
 };

@@ -8,12 +8,12 @@
 #include "platform/device.h"
 
 class QZWDevice {
-public:
+  public:
     explicit QZWDevice(std::shared_ptr<const quenby::platform::DeviceInfo> device)
         : device_(std::move(device)) {}
     // Upper-case UUID text; nothing when the platform has no identifier.
     std::optional<std::string> getUUID() const;
 
-private:
+  private:
     std::shared_ptr<const quenby::platform::DeviceInfo> device_;
 };

@@ -15,7 +15,7 @@
 #include "platform/uuid.h"
 
 class QZWRegion {
-public:
+  public:
     enum class Kind { Circle, BeaconRegion, Beacon };
 
     virtual ~QZWRegion() = default;
@@ -33,7 +33,7 @@ public:
     // Circles are equal only to themselves; beacon regions and beacons compare their identity.
     virtual bool isEqual(const QZWRegion* other) const { return other == this; }
 
-protected:
+  protected:
     // Fills name, identifier and attributes from an entry of the kit (null: none of them).
     explicit QZWRegion(const quenby::platform::Json* dict);
 
@@ -44,7 +44,7 @@ protected:
 
 // A circular geofence. Centre and radius are single-precision, as the kit format defines them.
 class QZWCircle final : public QZWRegion {
-public:
+  public:
     explicit QZWCircle(const quenby::platform::Json& dict);
     Kind kind() const override { return Kind::Circle; }
 
@@ -56,14 +56,14 @@ public:
         return region_;
     }
 
-private:
+  private:
     float latitude_ = 0, longitude_ = 0, radius_ = 0;
     std::shared_ptr<const quenby::platform::CircularRegion> region_;
 };
 
 // One iBeacon entry as something to monitor and range.
 class QZWBeaconRegion final : public QZWRegion {
-public:
+  public:
     // From a kit entry.
     explicit QZWBeaconRegion(const quenby::platform::Json& dict);
     // From a platform region and the entry found for it (or none): the identity is the region's.
@@ -86,7 +86,7 @@ public:
     bool isEqualToZWIBeaconRegion(const QZWBeaconRegion& other) const;
     std::size_t hash() const;
 
-private:
+  private:
     std::optional<quenby::platform::UUID> uuid_;
     std::optional<quenby::platform::Number> major_, minor_;
     std::shared_ptr<const quenby::platform::BeaconRegion> region_;
@@ -94,7 +94,7 @@ private:
 
 // One ranged beacon as reported to the host: the kit's entry merged with the live reading.
 class QZWBeacon final : public QZWRegion {
-public:
+  public:
     // From a kit entry alone.
     explicit QZWBeacon(const quenby::platform::Json& dict);
     // From a live reading and the entry found for it (or none).
@@ -113,7 +113,7 @@ public:
     bool isEqualToZWIBeacon(const QZWBeacon& other) const;
     std::size_t hash() const;
 
-private:
+  private:
     std::optional<quenby::platform::UUID> uuid_;
     std::optional<quenby::platform::Number> major_, minor_, rssi_;
     bool hasMajor_ = false, hasMinor_ = false;
@@ -124,16 +124,16 @@ private:
 
 // The geofences of a kit, in the order of its "overlays" (only circles are kept).
 class QZWMap {
-public:
+  public:
     explicit QZWMap(const quenby::platform::Json& dict);
     const std::vector<std::shared_ptr<const QZWCircle>>& overlays() const { return overlays_; }
 
-private:
+  private:
     std::vector<std::shared_ptr<const QZWCircle>> overlays_;
 };
 
 class QZWKit {
-public:
+  public:
     // Reads "id", "name", "status_url" and "status_token" and keeps the whole object; map and
     // beacon regions are set by the deserializer. A null dictionary makes a kit with no fields.
     explicit QZWKit(const quenby::platform::Json* dict);
@@ -170,7 +170,7 @@ public:
         const std::function<void(const std::shared_ptr<const QZWBeacon>& beacon, std::size_t index,
                                  bool& stop)>& block) const;
 
-private:
+  private:
     std::int64_t id_ = 0;
     std::optional<std::string> name_, url_, statusURL_, statusToken_;
     std::vector<std::shared_ptr<const QZWBeaconRegion>> beaconRegions_;

@@ -19,7 +19,7 @@ enum QZWLogLevel : int {
 };
 
 class QZWLogger {
-public:
+  public:
     // Formats and writes the message when `level` is at most the threshold. Levels outside 0..7
     // have no output format, so nothing is written for them. Any thread.
     template <class... Args>
@@ -35,7 +35,7 @@ public:
     static std::int8_t level();
     static bool passes(int level) { return level <= level_(); }
 
-private:
+  private:
     static std::int8_t level_();
     static void write(int level, std::string_view message);
 };

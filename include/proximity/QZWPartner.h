@@ -4,7 +4,7 @@
 #include <string>
 
 class QZWPartner {
-public:
+  public:
     // Any instance writes and reads the same shared value. Thread-safe.
     void setIdentifier(const std::string& identifier);
     std::string getIdentifier() const;

@@ -12,14 +12,24 @@ bool isNullMember(const Json& entry, const char* key) {
     return v && v->is_null();
 }
 
-std::int32_t intOf(const QZWAPIBeaconFinder::OptNumber& n) { return n ? n->intValue() : 0; }
+std::int32_t intOf(const QZWAPIBeaconFinder::OptNumber& n) {
+    return n ? n->intValue() : 0;
+}
 
 }  // namespace
 
-bool QZWAPIBeaconFinder::hasMajor(const Json& entry) { return !isNullMember(entry, "major"); }
-bool QZWAPIBeaconFinder::isMajorWildCard(const Json& entry) { return isNullMember(entry, "major"); }
-bool QZWAPIBeaconFinder::hasMinor(const Json& entry) { return !isNullMember(entry, "minor"); }
-bool QZWAPIBeaconFinder::isMinorWildCard(const Json& entry) { return isNullMember(entry, "minor"); }
+bool QZWAPIBeaconFinder::hasMajor(const Json& entry) {
+    return !isNullMember(entry, "major");
+}
+bool QZWAPIBeaconFinder::isMajorWildCard(const Json& entry) {
+    return isNullMember(entry, "major");
+}
+bool QZWAPIBeaconFinder::hasMinor(const Json& entry) {
+    return !isNullMember(entry, "minor");
+}
+bool QZWAPIBeaconFinder::isMinorWildCard(const Json& entry) {
+    return isNullMember(entry, "minor");
+}
 
 bool QZWAPIBeaconFinder::uuidMatchesWithUUIDMajorMinor(const Json& entry, const UUID& uuid,
                                                        const OptNumber& major,
@@ -31,9 +41,11 @@ bool QZWAPIBeaconFinder::uuidMatchesWithUUIDMajorMinor(const Json& entry, const 
            majorMatchesWithUUIDMajorMinorAllowWildCard(entry, uuid, major, minor, true);
 }
 
-bool QZWAPIBeaconFinder::majorMatchesWithUUIDMajorMinorAllowWildCard(
-    const Json& entry, const UUID& uuid, const OptNumber& major, const OptNumber& minor,
-    bool allowWildCard) {
+bool QZWAPIBeaconFinder::majorMatchesWithUUIDMajorMinorAllowWildCard(const Json& entry,
+                                                                     const UUID& uuid,
+                                                                     const OptNumber& major,
+                                                                     const OptNumber& minor,
+                                                                     bool allowWildCard) {
     if (isMajorWildCard(entry)) return allowWildCard;
     if (jsonIntValue(jsonMember(&entry, "major")) != intOf(major)) return false;
     // Once the major is equal, a minor wildcard always passes, whatever the caller allowed.
@@ -46,8 +58,8 @@ bool QZWAPIBeaconFinder::majorMatchesWithUUIDMajorMinor(const Json& entry, const
     return majorMatchesWithUUIDMajorMinorAllowWildCard(entry, uuid, major, minor, false);
 }
 
-bool QZWAPIBeaconFinder::minorMatchesWithUUIDMajorMinorAllowWildCard(const Json& entry,
-                                                                     const UUID&, const OptNumber&,
+bool QZWAPIBeaconFinder::minorMatchesWithUUIDMajorMinorAllowWildCard(const Json& entry, const UUID&,
+                                                                     const OptNumber&,
                                                                      const OptNumber& minor,
                                                                      bool allowWildCard) {
     if (isMinorWildCard(entry)) return allowWildCard;
@@ -61,8 +73,7 @@ bool QZWAPIBeaconFinder::minorMatchesWithUUIDMajorMinor(const Json& entry, const
 }
 
 Json QZWAPIBeaconFinder::findAttrsForUUIDMajorMinorIn(const UUID& uuid, const OptNumber& major,
-                                                      const OptNumber& minor,
-                                                      const Json& kitJson) {
+                                                      const OptNumber& minor, const Json& kitJson) {
     const Json* uuidLevel = nullptr;
     const Json* majorLevel = nullptr;
     const Json* exact = nullptr;

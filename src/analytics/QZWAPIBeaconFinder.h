@@ -11,7 +11,7 @@
 #include "proximity/QZWKit.h"
 
 class QZWAPIBeaconFinder {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Number = quenby::platform::Number;
     using UUID = quenby::platform::UUID;

@@ -76,9 +76,9 @@ HttpResponse perform(const HttpRequest& req) {
         curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, req.method.c_str());
         if (!req.body.empty() || req.method == "POST" || req.method == "PUT") {
             static const char kEmpty[] = "";
-            curl_easy_setopt(h, CURLOPT_POSTFIELDS,
-                             req.body.empty() ? kEmpty
-                                              : reinterpret_cast<const char*>(req.body.data()));
+            curl_easy_setopt(
+                h, CURLOPT_POSTFIELDS,
+                req.body.empty() ? kEmpty : reinterpret_cast<const char*>(req.body.data()));
             curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE,
                              static_cast<curl_off_t>(req.body.size()));
         }
@@ -90,8 +90,8 @@ HttpResponse perform(const HttpRequest& req) {
     } else {
         std::string text = sink.overflow ? "response larger than " +
                                                std::to_string(req.maxResponseBytes) + " bytes"
-                           : errbuf[0]  ? std::string(errbuf)
-                                        : std::string(curl_easy_strerror(rc));
+                           : errbuf[0] ? std::string(errbuf)
+                                       : std::string(curl_easy_strerror(rc));
         res.error = Error{"curl", static_cast<long>(rc), text};
         res.body.clear();
     }
@@ -128,6 +128,8 @@ void CurlHttpClient::send(HttpRequest request, Completion completion) {
     });
 }
 
-HttpResponse CurlHttpClient::sendSync(const HttpRequest& request) { return perform(request); }
+HttpResponse CurlHttpClient::sendSync(const HttpRequest& request) {
+    return perform(request);
+}
 
 }  // namespace quenby::platform

@@ -22,8 +22,8 @@ NotificationCenter& NotificationCenter::defaultCenter() {
     return *center;
 }
 
-NotificationCenter::ObserverId NotificationCenter::addObserver(std::string name,
-                                                               const void* sender, Callback cb) {
+NotificationCenter::ObserverId NotificationCenter::addObserver(std::string name, const void* sender,
+                                                               Callback cb) {
     std::lock_guard lk(mu_);
     ObserverId id = next_++;
     observers_.push_back({id, std::move(name), sender, std::make_shared<Callback>(std::move(cb))});
@@ -81,9 +81,13 @@ void NotificationQueue::flush() {
     }
 }
 
-void NotificationQueue::markThreadDeferring() { tlDeferring = true; }
+void NotificationQueue::markThreadDeferring() {
+    tlDeferring = true;
+}
 
-void NotificationQueue::beginWorkItem() { ++tlWorkDepth; }
+void NotificationQueue::beginWorkItem() {
+    ++tlWorkDepth;
+}
 
 void NotificationQueue::endWorkItem() {
     if (tlWorkDepth == 1) defaultQueue().flush();

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdio>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -20,7 +20,7 @@ namespace quenby::platform {
 // could deadlock where the platform's own dispatch would not.
 
 class ThreadPool {
-public:
+  public:
     ThreadPool() = default;
     ~ThreadPool() {
         {
@@ -48,7 +48,7 @@ public:
         }
     }
 
-private:
+  private:
     static constexpr std::size_t kMaxThreads = 512;
 
     void workerMain() {
@@ -119,7 +119,8 @@ Scheduler::Scheduler(std::shared_ptr<Clock> clock)
 std::shared_ptr<Scheduler> Scheduler::create(std::shared_ptr<Clock> clock) {
     std::shared_ptr<Scheduler> s(new Scheduler(std::move(clock)));
     NotificationQueue::markThreadDeferring();
-    if (!s->clock_->isVirtual()) s->timerThread_ = std::thread([p = s.get()] { p->timerThreadMain(); });
+    if (!s->clock_->isVirtual())
+        s->timerThread_ = std::thread([p = s.get()] { p->timerThreadMain(); });
     return s;
 }
 
@@ -281,7 +282,9 @@ void Scheduler::submitBackground(Task task) {
     });
 }
 
-void Scheduler::dispatchGlobal(Task task) { submitBackground(std::move(task)); }
+void Scheduler::dispatchGlobal(Task task) {
+    submitBackground(std::move(task));
+}
 
 // ---------------------------------------------------------------------------------------------
 // Host run loop
@@ -307,8 +310,8 @@ void Scheduler::postToMainAfter(double seconds, Task task) {
 std::shared_ptr<RunLoopTimer> Scheduler::scheduleRunLoopTimer(double interval, bool repeats,
                                                               Task task) {
     interval = std::max(interval, kMinInterval);
-    auto core = addTimer(now().addingTimeInterval(interval), interval, repeats, true,
-                         std::move(task));
+    auto core =
+        addTimer(now().addingTimeInterval(interval), interval, repeats, true, std::move(task));
     return std::make_shared<RunLoopTimer>(weak_from_this(), std::move(core));
 }
 
@@ -407,7 +410,9 @@ void RunLoopTimer::invalidate() {
     }
 }
 
-bool RunLoopTimer::isValid() const { return core_ && !core_->cancelled; }
+bool RunLoopTimer::isValid() const {
+    return core_ && !core_->cancelled;
+}
 
 // ---------------------------------------------------------------------------------------------
 // DispatchQueue
@@ -449,7 +454,9 @@ void DispatchQueue::async(Task task) {
     if (start) schedule();
 }
 
-void DispatchQueue::schedule() { scheduleDrain(state_, scheduler_); }
+void DispatchQueue::schedule() {
+    scheduleDrain(state_, scheduler_);
+}
 
 void DispatchQueue::scheduleDrain(const std::shared_ptr<State>& state,
                                   const std::weak_ptr<Scheduler>& scheduler) {
@@ -641,10 +648,9 @@ void TimerSource::arm() {
         interval = std::chrono::duration<double>(interval_).count();
     }
     sched->cancelTimer(old);
-    auto core = sched->addTimer(start, interval, interval > 0, false,
-                                [weak = weak_from_this()] {
-                                    if (auto self = weak.lock()) self->fire();
-                                });
+    auto core = sched->addTimer(start, interval, interval > 0, false, [weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->fire();
+    });
     std::lock_guard lk(mu_);
     if (cancelled_) {
         sched->cancelTimer(core);

@@ -11,7 +11,7 @@
 #include "proximity/QZWKit.h"
 
 class QZWAPIDeserializer {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     // `beaconRegionsSupported` is false on a platform without beacon monitoring.
@@ -28,6 +28,6 @@ public:
 
     static constexpr std::size_t kMaxIndividualRegions = 20;
 
-private:
+  private:
     bool beaconRegionsSupported_;
 };

@@ -31,10 +31,10 @@ void QZWAPIRequest::get(const std::optional<Url>& url, Handler handler) const {
     HttpRequest req = newRequest(url, "GET");
     // The first transmission's answer is dropped: every kit GET reaches the server twice.
     platform_->http->send(req, nullptr);
-    platform_->http->send(std::move(req), [self = *this, url, handler = std::move(handler)](
-                                              HttpResponse res) {
-        self.processResponseDataErrorUrlHandler(res.body, std::move(res.error), url, handler);
-    });
+    platform_->http->send(
+        std::move(req), [self = *this, url, handler = std::move(handler)](HttpResponse res) {
+            self.processResponseDataErrorUrlHandler(res.body, std::move(res.error), url, handler);
+        });
 }
 
 QZWAPIRequest::PostResult QZWAPIRequest::post(const std::optional<Url>& url,

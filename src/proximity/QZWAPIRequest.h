@@ -16,7 +16,7 @@
 inline constexpr const char* kZonewiseFrameworkVersion = "1.0.3";
 
 class QZWAPIRequest {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Url = quenby::platform::Url;
     using Error = quenby::platform::Error;
@@ -53,7 +53,7 @@ public:
     quenby::platform::HttpRequest newRequest(const std::optional<Url>& url,
                                              const std::string& method) const;
 
-private:
+  private:
     std::shared_ptr<quenby::platform::Platform> platform_;
     std::optional<std::string> apiToken_;
 };

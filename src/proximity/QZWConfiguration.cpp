@@ -64,33 +64,44 @@ void QZWConfiguration::setString(const char* key, const std::optional<std::strin
     }
 }
 
-std::optional<Url> QZWConfiguration::url() const {
-    auto s = stringFor("ZWKitURL");
+std::optional<Url> QZWConfiguration::urlFor(const char* key) const {
+    auto s = stringFor(key);
     return s ? Url::parse(*s) : std::nullopt;
 }
 
-void QZWConfiguration::setUrl(const std::optional<Url>& url) {
-    setString("ZWKitURL", url ? std::optional(url->absoluteString()) : std::nullopt);
+void QZWConfiguration::setUrlFor(const char* key, const std::optional<Url>& url) {
+    setString(key, url ? std::optional(url->absoluteString()) : std::nullopt);
 }
 
-std::optional<std::string> QZWConfiguration::apiToken() const { return stringFor("ZWAPIToken"); }
+std::optional<Url> QZWConfiguration::url() const {
+    return urlFor("ZWKitURL");
+}
+void QZWConfiguration::setUrl(const std::optional<Url>& url) {
+    setUrlFor("ZWKitURL", url);
+}
+
+std::optional<std::string> QZWConfiguration::apiToken() const {
+    return stringFor("ZWAPIToken");
+}
 
 void QZWConfiguration::setApiToken(const std::optional<std::string>& t) {
     setString("ZWAPIToken", t);
 }
 
 std::optional<Url> QZWConfiguration::analyticsURL() const {
-    auto s = stringFor("ZWAnalyticsURL");
-    return s ? Url::parse(*s) : std::nullopt;
+    return urlFor("ZWAnalyticsURL");
 }
-
 void QZWConfiguration::setAnalyticsURL(const std::optional<Url>& url) {
-    setString("ZWAnalyticsURL", url ? std::optional(url->absoluteString()) : std::nullopt);
+    setUrlFor("ZWAnalyticsURL", url);
 }
 
-std::optional<std::string> QZWConfiguration::mapName() const { return stringFor("ZWMapName"); }
+std::optional<std::string> QZWConfiguration::mapName() const {
+    return stringFor("ZWMapName");
+}
 
-void QZWConfiguration::setMapName(const std::optional<std::string>& n) { setString("ZWMapName", n); }
+void QZWConfiguration::setMapName(const std::optional<std::string>& n) {
+    setString("ZWMapName", n);
+}
 
 Json QZWConfiguration::config() const {
     std::lock_guard lk(mu_);

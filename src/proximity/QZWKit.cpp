@@ -26,7 +26,9 @@ std::optional<UUID> entryUUID(const Json* dict) {
     return s ? UUID::parse(*s) : std::nullopt;
 }
 
-std::uint16_t asUInt16(const Number& n) { return static_cast<std::uint16_t>(n.longLongValue()); }
+std::uint16_t asUInt16(const Number& n) {
+    return static_cast<std::uint16_t>(n.longLongValue());
+}
 
 std::optional<Number> numberOf(const std::optional<std::uint16_t>& v) {
     if (!v) return std::nullopt;
@@ -114,7 +116,9 @@ bool QZWBeaconRegion::isEqualToZWIBeaconRegion(const QZWBeaconRegion& o) const {
                          o.minor_);
 }
 
-std::size_t QZWBeaconRegion::hash() const { return identityHash(uuid_, major_, minor_); }
+std::size_t QZWBeaconRegion::hash() const {
+    return identityHash(uuid_, major_, minor_);
+}
 
 QZWBeacon::QZWBeacon(const Json& dict)
     : QZWRegion(&dict),
@@ -145,7 +149,9 @@ bool QZWBeacon::isEqualToZWIBeacon(const QZWBeacon& o) const {
     return identityEqual(uuid_, major_, minor_, hasMajor_, hasMinor_, o.uuid_, o.major_, o.minor_);
 }
 
-std::size_t QZWBeacon::hash() const { return identityHash(uuid_, major_, minor_); }
+std::size_t QZWBeacon::hash() const {
+    return identityHash(uuid_, major_, minor_);
+}
 
 QZWMap::QZWMap(const Json& dict) {
     const Json* overlays = jsonMember(&dict, "overlays");

@@ -18,8 +18,12 @@ void QZWLogger::setLevel(int level) {
     gThreshold = static_cast<std::int8_t>(static_cast<std::uint8_t>(level));
 }
 
-std::int8_t QZWLogger::level() { return gThreshold.load(); }
-std::int8_t QZWLogger::level_() { return gThreshold.load(std::memory_order_relaxed); }
+std::int8_t QZWLogger::level() {
+    return gThreshold.load();
+}
+std::int8_t QZWLogger::level_() {
+    return gThreshold.load(std::memory_order_relaxed);
+}
 
 void QZWLogger::write(int level, std::string_view message) {
     if (level < QZWLogLevelEmergency || level > QZWLogLevelDebug) return;

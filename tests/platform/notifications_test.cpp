@@ -53,8 +53,9 @@ TEST(NotificationQueue, DeliversAtEndOfPassCoalescedByNameAndSender) {
     EXPECT_EQ(rec.got, (std::vector<std::string>{"Enter/a/1", "Enter/b/3", "Range/a/4"}));
 
     // The next pass starts afresh: the same notification is delivered again.
-    vp.scheduler().performPass(
-        [&] { NotificationQueue::defaultQueue().enqueueNotification(note("Enter", kA, 5), center); });
+    vp.scheduler().performPass([&] {
+        NotificationQueue::defaultQueue().enqueueNotification(note("Enter", kA, 5), center);
+    });
     EXPECT_EQ(rec.got.back(), "Enter/a/5");
 }
 
@@ -107,8 +108,9 @@ TEST(NotificationQueue, NotificationsQueuedDuringDeliveryAreDeliveredToo) {
     auto id = center.addObserver("First", nullptr, [&](const Notification&) {
         NotificationQueue::defaultQueue().enqueueNotification(note("Second", kA, 9), center);
     });
-    vp.scheduler().performPass(
-        [&] { NotificationQueue::defaultQueue().enqueueNotification(note("First", kA, 1), center); });
+    vp.scheduler().performPass([&] {
+        NotificationQueue::defaultQueue().enqueueNotification(note("First", kA, 1), center);
+    });
     center.removeObserver(id);
     EXPECT_EQ(rec.got, (std::vector<std::string>{"Second/a/9"}));
 }
@@ -122,7 +124,8 @@ TEST(NotificationCenter, FiltersByNameAndSenderAndHonoursRemovalDuringPost) {
         got.push_back("all:" + n.name);
         center.removeObserver(second);
     });
-    second = center.addObserver("X", nullptr, [&](const Notification&) { got.push_back("second"); });
+    second =
+        center.addObserver("X", nullptr, [&](const Notification&) { got.push_back("second"); });
     center.post(note("X", kB, 0));
     EXPECT_EQ(got, (std::vector<std::string>{"all:X"})) << "removed before its turn: not called";
     got.clear();

@@ -58,7 +58,8 @@ TEST(Scheduler, VirtualTimersOfEveryKindFireInDueOrderOnlyWhenAdvanced) {
     auto q = s.createSerialQueue("test.timers");
     auto src = TimerSource::create(q);
     src->setEventHandler([&] { log.add(s, "source"); });
-    src->setTimer(s.now().addingTimeInterval(10), std::chrono::seconds(20), std::chrono::seconds(1));
+    src->setTimer(s.now().addingTimeInterval(10), std::chrono::seconds(20),
+                  std::chrono::seconds(1));
     src->resume();
     s.postToMainAfter(45, [&] { log.add(s, "after"); });
 
@@ -67,9 +68,9 @@ TEST(Scheduler, VirtualTimersOfEveryKindFireInDueOrderOnlyWhenAdvanced) {
     EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart) << "settle never moves time";
 
     s.advanceBy(60);
-    std::vector<std::pair<double, std::string>> want = {
-        {10, "source"}, {30, "runloop"}, {30, "source"}, {45, "after"},
-        {50, "source"}, {60, "runloop"}};
+    std::vector<std::pair<double, std::string>> want = {{10, "source"}, {30, "runloop"},
+                                                        {30, "source"}, {45, "after"},
+                                                        {50, "source"}, {60, "runloop"}};
     EXPECT_EQ(log.events, want);
     EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 60);
 

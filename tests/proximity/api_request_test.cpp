@@ -88,12 +88,14 @@ TEST(QZWAPIRequest, ServerErrorPageIsCachedAndFailsToParseWithoutAnError) {
     EXPECT_EQ(errors.size(), 1u);
 
     // A hostile answer nested 100,000 deep is refused before parsing, the same way.
-    server.on("GET", "/deep", test::Reply{200, std::string(100000, '[') + std::string(100000, ']')});
+    server.on("GET", "/deep",
+              test::Reply{200, std::string(100000, '[') + std::string(100000, ']')});
     console.clear();
     Outcome deep = fetch(vp, api, Url::parse(server.url("/deep")));
     EXPECT_FALSE(deep.error);
     EXPECT_FALSE(deep.object);
-    EXPECT_TRUE(console.contains("Zonewise[Error] API JSON Error:JSON nested deeper than 512 levels"));
+    EXPECT_TRUE(
+        console.contains("Zonewise[Error] API JSON Error:JSON nested deeper than 512 levels"));
 }
 
 TEST(QZWAPIRequest, EmptyBodyIsNoDataAndRefusedConnectionIsTransportErrorBothWithTheCachedKit) {
@@ -111,8 +113,9 @@ TEST(QZWAPIRequest, EmptyBodyIsNoDataAndRefusedConnectionIsTransportErrorBothWit
     ASSERT_TRUE(empty.error);
     EXPECT_EQ(*empty.error, (platform::Error{"Zonewise", 204, "No Data"}));
     EXPECT_FALSE(empty.object);
-    EXPECT_TRUE(console.contains(
-        "Zonewise[Error] API Request Failed with Error: Error Domain=Zonewise Code=204 \"No Data\""));
+    EXPECT_TRUE(
+        console.contains("Zonewise[Error] API Request Failed with Error: Error Domain=Zonewise "
+                         "Code=204 \"No Data\""));
 
     // An empty answer where a copy is cached: the error and the copy, and the copy stays.
     server.on("GET", "/api/kits/17", test::Reply{200, ""});
@@ -208,7 +211,8 @@ TEST(QZWAPIRequest, SynchronousPostSendsJsonHeadersAndReportsOnlyTransportFailur
     EXPECT_EQ(got[0].header("AUTHORIZATION"), "Token token=\"(null)\"");
     EXPECT_FALSE(got[0].hasHeader("X-ZW-AppID")) << "no identifier, no header";
 
-    auto down = api.post(Url::parse("http://127.0.0.1:" + std::to_string(test::refusedPort())), "{}");
+    auto down =
+        api.post(Url::parse("http://127.0.0.1:" + std::to_string(test::refusedPort())), "{}");
     ASSERT_TRUE(down.error);
     EXPECT_EQ(down.error->code, 7);
 }

@@ -13,8 +13,12 @@ namespace {
 const char* kU = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
 
 Json entry(Json uuid, Json major, Json minor, Json attrs, const std::string& name) {
-    return {{"uuid", uuid},   {"major", major},       {"minor", minor},
-            {"name", name},   {"identifier", "id-" + name}, {"attributes", attrs}};
+    return {{"uuid", uuid},
+            {"major", major},
+            {"minor", minor},
+            {"name", name},
+            {"identifier", "id-" + name},
+            {"attributes", attrs}};
 }
 
 Json find(const Json& kit, int major, int minor) {
@@ -25,11 +29,11 @@ Json find(const Json& kit, int major, int minor) {
 }  // namespace
 
 TEST(QZWAPIBeaconFinder, MergesLevelsFromLeastToMostSpecific) {
-    Json kit = {{"ibeacons",
-                 {entry(kU, nullptr, nullptr, {{"a", 1}, {"b", 1}}, "uuid"),
-                  entry(kU, 5, nullptr, {{"b", 2}}, "major"), entry(kU, 5, 7, {{"c", 3}}, "exact"),
-                  entry("5A4BCFCE-174E-4BAC-A814-092E77F6B7E5", nullptr, nullptr, {{"z", 0}},
-                        "other")}}};
+    Json kit = {
+        {"ibeacons",
+         {entry(kU, nullptr, nullptr, {{"a", 1}, {"b", 1}}, "uuid"),
+          entry(kU, 5, nullptr, {{"b", 2}}, "major"), entry(kU, 5, 7, {{"c", 3}}, "exact"),
+          entry("5A4BCFCE-174E-4BAC-A814-092E77F6B7E5", nullptr, nullptr, {{"z", 0}}, "other")}}};
     Json r = find(kit, 5, 7);
     EXPECT_EQ(r["attributes"], Json({{"a", 1}, {"b", 2}, {"c", 3}}));
     EXPECT_EQ(r["name"], "exact");
@@ -63,8 +67,8 @@ TEST(QZWAPIBeaconFinder, LevelRulesLastEntryWinsAndCaseInsensitiveUUIDs) {
                    {entry(kU, nullptr, nullptr, {{"l", "uuid"}}, "u"),
                     entry(kU, 0, nullptr, {{"l", "major0"}}, "m0"),
                     entry(kU, 0, 0, {{"l", "exact00"}}, "e00"), entry(kU, 3, nullptr, {}, "m3")}}};
-    auto region = std::make_shared<const BeaconRegion>(*UUID::parse(kU), std::nullopt,
-                                                       std::nullopt, "generic");
+    auto region = std::make_shared<const BeaconRegion>(*UUID::parse(kU), std::nullopt, std::nullopt,
+                                                       "generic");
     auto found = QZWAPIBeaconFinder::findIBeaconRegionForCLBeaconRegionIn(region, zeros);
     EXPECT_EQ(found->attributes(), Json({{"l", "exact00"}}));
     EXPECT_EQ(found->identifier(), "id-e00");
@@ -73,30 +77,16 @@ TEST(QZWAPIBeaconFinder, LevelRulesLastEntryWinsAndCaseInsensitiveUUIDs) {
     EXPECT_EQ(found->uuid()->uuidString(), kU);
 
     // Entry numbers read as 32-bit integers; a missing major counts as 0.
-    Json odd = {{"ibeacons", {{{"uuid", kU}, {"minor", 4}, {"name", "missing-major"}},
-                              entry(kU, 5.9, "7", {}, "lenient")}}};
+    Json odd = {{"ibeacons",
+                 {{{"uuid", kU}, {"minor", 4}, {"name", "missing-major"}},
+                  entry(kU, 5.9, "7", {}, "lenient")}}};
     EXPECT_EQ(find(odd, 0, 4)["name"], "missing-major");
     EXPECT_EQ(find(odd, 5, 7)["name"], "lenient");
-}
 
-TEST(QZWAPIBeaconFinder, MatchingPrimitives) {
-    UUID u = *UUID::parse(kU);
-    Json wild = entry(kU, nullptr, nullptr, {}, "w");
-    Json exact = entry(kU, 5, 7, {}, "e");
-    EXPECT_TRUE(QZWAPIBeaconFinder::isMajorWildCard(wild));
-    EXPECT_FALSE(QZWAPIBeaconFinder::hasMajor(wild));
-    EXPECT_TRUE(QZWAPIBeaconFinder::hasMinor(exact));
-    EXPECT_TRUE(QZWAPIBeaconFinder::majorMatchesWithUUIDMajorMinorAllowWildCard(wild, u, Number(1),
-                                                                                Number(1), true));
-    EXPECT_FALSE(QZWAPIBeaconFinder::majorMatchesWithUUIDMajorMinor(wild, u, Number(1), Number(1)));
-    EXPECT_FALSE(QZWAPIBeaconFinder::uuidMatchesWithUUIDMajorMinor(exact, u, Number(5), Number(8)));
-    EXPECT_TRUE(QZWAPIBeaconFinder::minorMatchesWithUUIDMajorMinor(exact, u, Number(99), Number(7)))
-        << "the minor test ignores the major";
-
-    Beacon live{u, 5, 7, 1, 0.4, -50};
     auto b = QZWAPIBeaconFinder::findIBeaconForCLBeaconIn(
-        live, {{"ibeacons", {entry(kU, 5, 7, {{"x", 1}}, "e")}}});
+        Beacon{*UUID::parse(kU), 5, 7, 1, 0.4, -50},
+        {{"ibeacons", {entry(kU, 5, 7, {{"x", 1}}, "e")}}});
     EXPECT_EQ(b->name(), "e");
     EXPECT_EQ(b->attributes(), Json({{"x", 1}}));
-    EXPECT_EQ(b->accuracy(), 0.4);
+    EXPECT_EQ(b->accuracy(), 0.4) << "the live reading is kept";
 }

@@ -18,11 +18,12 @@ TEST(QZWConfiguration, ReadsTheHostBundleFirstThenTheLibrarysOwn) {
     QZWConfiguration fromLib(Bundle(host.path()), Bundle(lib.path()));
     EXPECT_EQ(fromLib.apiToken(), "library");
 
-    test::writeFile(host.file("Zonewise.plist"),
-                    platform::toXmlPropertyList({{"ZWKitURL", "https://api.example.com/api/kits/17"},
-                                                 {"ZWAPIToken", "host"},
-                                                 {"ZWAnalyticsURL", "https://a.example.com/up"},
-                                                 {"ZWMapName", "Ground floor"}}));
+    test::writeFile(
+        host.file("Zonewise.plist"),
+        platform::toXmlPropertyList({{"ZWKitURL", "https://api.example.com/api/kits/17"},
+                                     {"ZWAPIToken", "host"},
+                                     {"ZWAnalyticsURL", "https://a.example.com/up"},
+                                     {"ZWMapName", "Ground floor"}}));
     QZWConfiguration c(Bundle(host.path()), Bundle(lib.path()));
     EXPECT_EQ(c.plistPath(), host.file("Zonewise.plist"));
     EXPECT_EQ(c.url()->absoluteString(), "https://api.example.com/api/kits/17");

@@ -3,8 +3,8 @@
 
 #include "platform/json.h"
 #include "proximity/QZWAPIDeserializer.h"
-#include "proximity/QZWLogger.h"
 #include "proximity/QZWKit.h"
+#include "proximity/QZWLogger.h"
 #include "support/test_support.h"
 
 using namespace quenby;
@@ -17,10 +17,12 @@ namespace {
 const char* kU = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
 const char* kV = "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5";
 
-std::shared_ptr<const QZWKit> build(const Json& kit) { return QZWAPIDeserializer().buildKit(&kit); }
+std::shared_ptr<const QZWKit> build(const Json& kit) {
+    return QZWAPIDeserializer().buildKit(&kit);
+}
 
 Json beaconEntry(const std::string& uuid, Json major, Json minor, const std::string& id) {
-    return {{"uuid", uuid},     {"major", major}, {"minor", minor},
+    return {{"uuid", uuid},     {"major", major},    {"minor", minor},
             {"identifier", id}, {"name", "n-" + id}, {"attributes", {{"k", id}}}};
 }
 
@@ -45,8 +47,8 @@ TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
                     {{"type", "circle"}, {"identifier", "shared"}, {"center", {1, 2}}}}}}},
                 {"ibeacons",
                  {beaconEntry(kU, 1, 2, "b-exact"), beaconEntry(kU, 1, nullptr, "b-major"),
-                  beaconEntry(kU, nullptr, nullptr, "b-uuid"), beaconEntry(kU, nullptr, 4, "b-minor"),
-                  beaconEntry(kV, 9, 9, "shared")}}};
+                  beaconEntry(kU, nullptr, nullptr, "b-uuid"),
+                  beaconEntry(kU, nullptr, 4, "b-minor"), beaconEntry(kV, 9, 9, "shared")}}};
     auto kit = build(doc);
     EXPECT_EQ(kit->id(), 17);
     EXPECT_EQ(kit->name(), "Store");
@@ -75,7 +77,8 @@ TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
     ASSERT_TRUE(exact);
     EXPECT_EQ(exact->major(), 1);
     EXPECT_EQ(exact->minor(), 2);
-    EXPECT_TRUE(exact->notifyOnEntry() && exact->notifyOnExit() && exact->notifyEntryStateOnDisplay());
+    EXPECT_TRUE(exact->notifyOnEntry() && exact->notifyOnExit() &&
+                exact->notifyEntryStateOnDisplay());
     EXPECT_EQ(regions[1]->region()->major(), 1);
     EXPECT_FALSE(regions[1]->region()->minor());
     EXPECT_FALSE(regions[2]->region()->major());
@@ -199,7 +202,11 @@ TEST(QZWKit, MalformedDocumentsYieldFewerFieldsAndNeverCrash) {
              {{"type", "circle"}, {"center", {1}}, {"radius", nullptr}},
              {{"type", "circle"}, {"center", {"4", true, 3}}, {"attributes", {1, 2}}}}}}}},
         {{"ibeacons",
-          {1, "x", nullptr, Json::array(), Json::object(),
+          {1,
+           "x",
+           nullptr,
+           Json::array(),
+           Json::object(),
            {{"uuid", 5}, {"major", "5"}, {"minor", {1}}},
            {{"uuid", "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}"}, {"major", 1}},
            {{"uuid", "E621E1F8C36C495A93FC0C247A3E6E5F"}},

@@ -15,14 +15,14 @@ TEST(QZWLogger, ThresholdPrefixesAndLevelsWithoutAFormat) {
     QZWLogger::log(QZWLogLevelCritical, "ERROR: Missing Zonewise.plist file.");
     QZWLogger::log(QZWLogLevelWarning, "Unable to load kit from cache file");
     QZWLogger::log(QZWLogLevelDebug, "hidden");
-    EXPECT_EQ(console.lines(), (std::vector<std::string>{
-                                   "Zonewise[Error] API Request Failed with Error: x",
-                                   "Zonewise[Critical] ERROR: Missing Zonewise.plist file."}));
+    EXPECT_EQ(console.lines(),
+              (std::vector<std::string>{"Zonewise[Error] API Request Failed with Error: x",
+                                        "Zonewise[Critical] ERROR: Missing Zonewise.plist file."}));
 
     console.clear();
     QZWLogger::setLevel(QZWLogLevelDebug);
-    const char* names[] = {"Emergency", "Alert", "Critical", "Error",
-                           "Warning",   "Notice", "Info",    "Debug"};
+    const char* names[] = {"Emergency", "Alert",  "Critical", "Error",
+                           "Warning",   "Notice", "Info",     "Debug"};
     for (int level = 0; level <= 7; ++level) QZWLogger::log(level, "m");
     ASSERT_EQ(console.lines().size(), 8u);
     for (int level = 0; level <= 7; ++level) {

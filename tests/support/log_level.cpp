@@ -3,7 +3,11 @@
 
 namespace quenby::test {
 
-LogLevelGuard::LogLevelGuard(int level) : saved_(QZWLogger::level()) { QZWLogger::setLevel(level); }
-LogLevelGuard::~LogLevelGuard() { QZWLogger::setLevel(saved_); }
+LogLevelGuard::LogLevelGuard(int level) : saved_(QZWLogger::level()) {
+    QZWLogger::setLevel(level);
+}
+LogLevelGuard::~LogLevelGuard() {
+    QZWLogger::setLevel(saved_);
+}
 
 }  // namespace quenby::test

@@ -69,7 +69,9 @@ TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
     while (!server_->is_running()) std::this_thread::yield();
 }
 
-TestServer::~TestServer() { stop(); }
+TestServer::~TestServer() {
+    stop();
+}
 
 void TestServer::stop() {
     if (thread_.joinable()) {

@@ -36,7 +36,7 @@ struct Reply {
 };
 
 class TestServer {
-public:
+  public:
     using Handler = std::function<Reply(const ReceivedRequest&)>;
 
     TestServer();
@@ -59,13 +59,13 @@ public:
     // Closes the listening socket: later connections are refused.
     void stop();
 
-private:
+  private:
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     int port_ = 0;
     mutable std::mutex mu_;
     std::map<std::pair<std::string, std::string>, Handler> routes_;  // guarded by mu_
-    std::vector<ReceivedRequest> received_;                           // guarded by mu_
+    std::vector<ReceivedRequest> received_;                          // guarded by mu_
 };
 
 // A port on 127.0.0.1 where nothing listens (bound and closed again).

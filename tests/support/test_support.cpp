@@ -27,7 +27,9 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ec);
 }
 
-std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
+std::string TempDir::file(const std::string& name) const {
+    return path_ + "/" + name;
+}
 
 ConsoleCapture::ConsoleCapture() {
     previous_ = platform::setConsoleSink([this](std::string_view line) {
@@ -36,7 +38,9 @@ ConsoleCapture::ConsoleCapture() {
     });
 }
 
-ConsoleCapture::~ConsoleCapture() { platform::setConsoleSink(std::move(previous_)); }
+ConsoleCapture::~ConsoleCapture() {
+    platform::setConsoleSink(std::move(previous_));
+}
 
 std::vector<std::string> ConsoleCapture::lines() const {
     std::lock_guard lk(mu_);
@@ -68,8 +72,8 @@ VirtualPlatform::VirtualPlatform(std::string vendorId,
     o.applicationId = "quenby-tests";
     o.bundleDirectory = bundle.path();
     o.documentsDirectory = documents.path();
-    o.clock = std::make_shared<platform::VirtualClock>(
-        platform::Date::fromSecondsSince1970(kTestStart));
+    o.clock =
+        std::make_shared<platform::VirtualClock>(platform::Date::fromSecondsSince1970(kTestStart));
     o.device = std::make_shared<platform::FixedDeviceInfo>(
         vendorId.empty() ? std::nullopt : platform::UUID::parse(vendorId));
     o.files = std::move(files);

@@ -17,7 +17,7 @@ namespace quenby::test {
 
 // A fresh directory under the system's temporary directory, removed with its contents.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -25,13 +25,13 @@ public:
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const;
 
-private:
+  private:
     std::string path_;
 };
 
 // Captures every console line written while it lives.
 class ConsoleCapture {
-public:
+  public:
     ConsoleCapture();
     ~ConsoleCapture();
     std::vector<std::string> lines() const;
@@ -40,7 +40,7 @@ public:
     std::vector<std::string> withPrefix(const std::string& prefix) const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mu_;
     std::vector<std::string> lines_;
     platform::ConsoleSink previous_;
@@ -72,7 +72,7 @@ namespace quenby::test {
 
 // The local file system, with writes that fail on demand.
 class FaultyFileSystem final : public platform::FileSystem {
-public:
+  public:
     std::atomic<bool> failWrites{false};
     std::optional<platform::Bytes> readFile(const std::string& path) const override {
         return local_.readFile(path);
@@ -84,17 +84,17 @@ public:
     }
     bool fileExists(const std::string& path) const override { return local_.fileExists(path); }
 
-private:
+  private:
     platform::LocalFileSystem local_;
 };
 
 // Restores the proximity logger's threshold when it goes.
 class LogLevelGuard {
-public:
+  public:
     explicit LogLevelGuard(int level);
     ~LogLevelGuard();
 
-private:
+  private:
     int saved_;
 };
 
