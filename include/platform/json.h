@@ -30,6 +30,10 @@ inline std::optional<Json> parseJson(const Bytes& b, std::string* error = nullpt
                      allowFragments);
 }
 
+// `s` itself when it is valid UTF-8, else with every invalid sequence replaced by U+FFFD, so
+// that it can always be written out as JSON.
+std::string validUtf8(std::string s);
+
 // A boxed number as the JSON documents carry it: an integer or a floating-point value.
 class Number {
   public:

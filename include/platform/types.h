@@ -41,6 +41,10 @@ class Date {
     double s_ = 0.0;
 };
 
+// "yyyy-MM-dd'T'HH:mm:ss'Z'" (or with ".SSS" before the Z) in UTC: the fraction beyond the last
+// digit shown is dropped, not rounded.
+std::string formatUTC(Date d, bool milliseconds = false);
+
 // A failure as a value: the layer's domain, a code and a human-readable description.
 struct Error {
     std::string domain;

@@ -32,6 +32,8 @@ class QZWRegion {
 
     // Circles are equal only to themselves; beacon regions and beacons compare their identity.
     virtual bool isEqual(const QZWRegion* other) const { return other == this; }
+    // "<QZWCircle identifier=fence-1>", "<QZWBeacon uuid=… major=1 minor=2>" and the like.
+    virtual std::string description() const = 0;
 
   protected:
     // Fills name, identifier and attributes from an entry of the kit (null: none of them).
@@ -47,6 +49,7 @@ class QZWCircle final : public QZWRegion {
   public:
     explicit QZWCircle(const quenby::platform::Json& dict);
     Kind kind() const override { return Kind::Circle; }
+    std::string description() const override;
 
     float latitude() const { return latitude_; }
     float longitude() const { return longitude_; }
@@ -70,6 +73,7 @@ class QZWBeaconRegion final : public QZWRegion {
     QZWBeaconRegion(std::shared_ptr<const quenby::platform::BeaconRegion> region,
                     const quenby::platform::Json* dict);
     Kind kind() const override { return Kind::BeaconRegion; }
+    std::string description() const override;
 
     const std::optional<quenby::platform::UUID>& uuid() const { return uuid_; }
     const std::optional<quenby::platform::Number>& major() const { return major_; }
@@ -100,6 +104,7 @@ class QZWBeacon final : public QZWRegion {
     // From a live reading and the entry found for it (or none).
     QZWBeacon(const quenby::platform::Beacon& beacon, const quenby::platform::Json* dict);
     Kind kind() const override { return Kind::Beacon; }
+    std::string description() const override;
 
     const std::optional<quenby::platform::UUID>& uuid() const { return uuid_; }
     const std::optional<quenby::platform::Number>& major() const { return major_; }

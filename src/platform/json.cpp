@@ -1,5 +1,6 @@
 #include "platform/json.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -43,6 +44,18 @@ std::int64_t saturate(double d) {
 }
 
 }  // namespace
+
+std::string validUtf8(std::string s) {
+    bool ascii = std::all_of(s.begin(), s.end(), [](char c) { return (c & 0x80) == 0; });
+    if (ascii) return s;
+    try {
+        (void)Json(s).dump();  // the JSON library's own UTF-8 check
+        return s;
+    } catch (const Json::type_error&) {
+        return Json::parse(Json(s).dump(-1, ' ', false, Json::error_handler_t::replace))
+            .get<std::string>();
+    }
+}
 
 std::optional<Json> parseJson(std::string_view text, std::string* error, bool allowFragments) {
     auto fail = [&](std::string why) -> std::optional<Json> {

@@ -598,6 +598,7 @@ void DataAddSource::cancel() {
 // TimerSource
 
 std::shared_ptr<TimerSource> TimerSource::create(std::shared_ptr<DispatchQueue> queue) {
+    if (!queue || queue->scheduler().expired()) return nullptr;
     return std::shared_ptr<TimerSource>(new TimerSource(std::move(queue)));
 }
 

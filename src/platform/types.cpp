@@ -1,6 +1,9 @@
 #include "platform/types.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <ctime>
 
 #include "platform/url.h"
 #include "platform/uuid.h"
@@ -9,6 +12,27 @@ namespace quenby::platform {
 
 std::string Error::toString() const {
     return "Error Domain=" + domain + " Code=" + std::to_string(code) + " \"" + description + "\"";
+}
+
+std::string formatUTC(Date date, bool milliseconds) {
+    double s = date.timeIntervalSince1970();
+    if (std::isnan(s)) s = 0;
+    s = std::clamp(s, -1e15, 1e15);
+    double whole = std::floor(s);
+    auto t = static_cast<std::time_t>(whole);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[80];
+    int n = std::snprintf(buf, sizeof buf, "%04lld-%02d-%02dT%02d:%02d:%02d",
+                          static_cast<long long>(tm.tm_year) + 1900, tm.tm_mon + 1, tm.tm_mday,
+                          tm.tm_hour, tm.tm_min, tm.tm_sec);
+    if (milliseconds) {
+        int ms = std::min(999, static_cast<int>(std::floor((s - whole) * 1000)));
+        std::snprintf(buf + n, sizeof buf - static_cast<std::size_t>(n), ".%03dZ", ms);
+    } else {
+        std::snprintf(buf + n, sizeof buf - static_cast<std::size_t>(n), "Z");
+    }
+    return buf;
 }
 
 namespace {

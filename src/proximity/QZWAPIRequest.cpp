@@ -1,6 +1,5 @@
 #include "proximity/QZWAPIRequest.h"
 
-#include "platform/files.h"
 #include "proximity/QZWDevice.h"
 #include "proximity/QZWLogger.h"
 
@@ -9,7 +8,9 @@ using quenby::platform::HttpResponse;
 
 QZWAPIRequest::QZWAPIRequest(std::shared_ptr<quenby::platform::Platform> platform,
                              std::optional<std::string> apiToken)
-    : platform_(std::move(platform)), apiToken_(std::move(apiToken)) {}
+    : platform_(std::move(platform)),
+      apiToken_(std::move(apiToken)),
+      cache_(platform_->files, platform_->documentsDirectory, "zonewise-", false) {}
 
 HttpRequest QZWAPIRequest::newRequest(const std::optional<Url>& url,
                                       const std::string& method) const {
@@ -70,25 +71,19 @@ std::optional<QZWAPIRequest::Json> QZWAPIRequest::parseResponse(const std::optio
     return parsed;
 }
 
-std::string QZWAPIRequest::fileNameFrom(const Url& url) const {
-    return quenby::platform::cacheFileName("zonewise-", url, ".data");
-}
+std::string QZWAPIRequest::fileNameFrom(const Url& url) const { return cache_.fileNameFrom(url); }
 
-std::string QZWAPIRequest::pathToFileForURL(const Url& url) const {
-    return quenby::platform::joinPath(platform_->documentsDirectory, fileNameFrom(url));
-}
+std::string QZWAPIRequest::pathToFileForURL(const Url& url) const { return cache_.pathFor(url); }
 
 void QZWAPIRequest::writeToDiskFromURL(const Bytes& data, const Url& url) const {
-    if (auto err = platform_->files->writeFile(pathToFileForURL(url), data, false)) {
+    if (auto err = cache_.write(data, url)) {
         QZWLogger::logFormat(QZWLogLevelError, "API Data Write to Cache Failed with Error: {}",
                              err->toString());
     }
 }
 
 std::optional<QZWAPIRequest::Bytes> QZWAPIRequest::readFromDisk(const Url& url) const {
-    std::string path = pathToFileForURL(url);
-    auto data = platform_->files->readFile(path);
-    if (!data || data->empty()) return std::nullopt;
-    QZWLogger::logFormat(QZWLogLevelInfo, "API Data Loaded from Cache: {}", path);
+    auto data = cache_.read(url);
+    if (data) QZWLogger::logFormat(QZWLogLevelInfo, "API Data Loaded from Cache: {}", cache_.pathFor(url));
     return data;
 }

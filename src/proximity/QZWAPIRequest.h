@@ -11,6 +11,7 @@
 #include "platform/http.h"
 #include "platform/json.h"
 #include "platform/platform.h"
+#include "platform/response_cache.h"
 #include "platform/url.h"
 
 inline constexpr const char* kZonewiseFrameworkVersion = "1.0.3";
@@ -56,4 +57,5 @@ class QZWAPIRequest {
   private:
     std::shared_ptr<quenby::platform::Platform> platform_;
     std::optional<std::string> apiToken_;
+    quenby::platform::ResponseCache cache_;
 };

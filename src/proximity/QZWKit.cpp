@@ -54,6 +54,13 @@ std::size_t identityHash(const std::optional<UUID>& uuid, const std::optional<Nu
     return (uuid ? uuid->hash() : 0) | (ma ^ ~mi);
 }
 
+std::string identityText(const char* cls, const std::optional<UUID>& uuid,
+                         const std::optional<Number>& major, const std::optional<Number>& minor) {
+    auto num = [](const std::optional<Number>& n) { return n ? n->description() : "(null)"; };
+    return std::string("<") + cls + " uuid=" + (uuid ? uuid->uuidString() : "(null)") +
+           " major=" + num(major) + " minor=" + num(minor) + ">";
+}
+
 }  // namespace
 
 QZWRegion::QZWRegion(const Json* dict)
@@ -75,6 +82,18 @@ QZWCircle::QZWCircle(const Json& dict) : QZWRegion(&dict) {
     region_ = std::make_shared<const CircularRegion>(
         static_cast<double>(latitude_), static_cast<double>(longitude_),
         static_cast<double>(radius_), identifier_.value_or(""));
+}
+
+std::string QZWCircle::description() const {
+    return "<QZWCircle identifier=" + identifier_.value_or("(null)") + ">";
+}
+
+std::string QZWBeaconRegion::description() const {
+    return identityText("QZWBeaconRegion", uuid_, major_, minor_);
+}
+
+std::string QZWBeacon::description() const {
+    return identityText("QZWBeacon", uuid_, major_, minor_);
 }
 
 QZWBeaconRegion::QZWBeaconRegion(const Json& dict)
