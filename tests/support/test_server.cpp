@@ -34,7 +34,7 @@ bool ReceivedRequest::hasHeader(const std::string& name) const {
                        [&](const auto& h) { return equalsNoCase(h.first, name); });
 }
 
-TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
+TestServer::TestServer(int port) : server_(std::make_unique<httplib::Server>()) {
     auto handle = [this](const httplib::Request& req, httplib::Response& res) {
         ReceivedRequest r;
         r.method = req.method;
@@ -62,7 +62,11 @@ TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
     server_->Post(".*", handle);
     server_->Put(".*", handle);
     server_->Delete(".*", handle);
-    port_ = server_->bind_to_any_port("127.0.0.1");
+    if (port > 0) {
+        port_ = server_->bind_to_port("127.0.0.1", port) ? port : -1;
+    } else {
+        port_ = server_->bind_to_any_port("127.0.0.1");
+    }
     if (port_ <= 0) throw std::runtime_error("test server could not bind");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
     // Readiness of a real socket server, not a wait on the library's work.

@@ -39,7 +39,8 @@ class TestServer {
   public:
     using Handler = std::function<Reply(const ReceivedRequest&)>;
 
-    TestServer();
+    // Listens on an ephemeral port, or on `port` when given (throws when it is taken).
+    explicit TestServer(int port = 0);
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;

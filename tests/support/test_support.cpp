@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/database.h"
 #include "platform/plist.h"
 
 namespace quenby::test {
@@ -87,6 +88,21 @@ void VirtualPlatform::writeBundlePlist(const std::string& name, const nlohmann::
 void writeFile(const std::string& path, const std::string& contents) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << contents;
+}
+
+std::vector<nlohmann::json> queryRows(const std::string& path, const std::string& sql) {
+    std::vector<nlohmann::json> out;
+    auto db = platform::Database::open(path);
+    if (!db) return out;
+    auto rs = db->executeQuery(sql);
+    while (rs && rs->next()) {
+        nlohmann::json row = nlohmann::json::object();
+        for (int i = 0; i < rs->columnCount(); ++i) {
+            row[rs->columnNameForIndex(i)] = rs->objectForColumnIndex(i);
+        }
+        out.push_back(std::move(row));
+    }
+    return out;
 }
 
 std::optional<std::string> readFile(const std::string& path) {

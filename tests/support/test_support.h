@@ -64,6 +64,9 @@ struct VirtualPlatform {
 };
 
 void writeFile(const std::string& path, const std::string& contents);
+// Every row of `sql` on the database file at `path`, as objects keyed by column name (values as
+// SQLite holds them).
+std::vector<nlohmann::json> queryRows(const std::string& path, const std::string& sql);
 std::optional<std::string> readFile(const std::string& path);
 
 }  // namespace quenby::test

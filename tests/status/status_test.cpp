@@ -1,0 +1,197 @@
+// Beacon status: sightings in "Tallyline.sqlite", the batch document, and the watchdog and
+// coalesced uploads on virtual time.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+
+#include "status/QTLEventTrackingQueue.h"
+#include "status/QTLStatusDatabase.h"
+#include "status/QTLStatusManager.h"
+#include "status/QTLStatusUploader.h"
+#include "support/test_server.h"
+#include "support/test_support.h"
+
+using namespace quenby;
+using namespace quenby::test;
+using platform::Json;
+using platform::Number;
+
+namespace {
+
+const char* kU = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
+QTLBeacon b(int major, int minor) { return QTLBeacon::beaconWithUUID(kU, major, minor); }
+
+std::string dbPath(VirtualPlatform& vp) { return vp.documents.file("Tallyline.sqlite"); }
+
+Json config(const std::string& url) { return {{"url", url}, {"token", "st"}}; }
+
+}  // namespace
+
+TEST(QTLStatusDatabase, SightingsInsertThenMoveTheLastSeenAndAStampedRowIsNeverDueAgain) {
+    VirtualPlatform vp;
+    QTLStatusDatabase db(*vp.platform);
+    auto first = db.rangedBeacon(b(1, 2));
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->firstDetectedAt, first->lastDetectedAt);
+    EXPECT_EQ(first->firstDetectedAt->timeIntervalSince1970(), kTestStart);
+    vp.scheduler().advanceBy(5.25);
+    auto second = db.rangedBeacon(b(1, 2));
+    EXPECT_EQ(second->firstDetectedAt->timeIntervalSince1970(), kTestStart);
+    EXPECT_EQ(second->lastDetectedAt->timeIntervalSince1970(), kTestStart + 5.25);
+    EXPECT_EQ(second->beaconSessionId, first->beaconSessionId);
+    db.rangedBeacon(b(1, 3));  // another minor: another row
+    auto rows = queryRows(dbPath(vp), "select * from beacon_sessions order by id");
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0]["beacon_uuid"], kU);
+    EXPECT_TRUE(rows[0]["uploaded_at"].is_null());
+    EXPECT_TRUE(rows[0]["uuid"].is_null());
+
+    auto due = db.beaconSessionsToBeUploaded();
+    EXPECT_EQ(due.size(), 2u);
+    db.markBeaconSessionsAsUploaded(due);
+    vp.scheduler().advanceBy(60);
+    db.rangedBeacon(b(1, 2));
+    EXPECT_TRUE(db.beaconSessionsToBeUploaded().empty())
+        << "the stored text is no date to datetime(), so a stamped row is never due again";
+    EXPECT_TRUE(queryRows(dbPath(vp), "select datetime(uploaded_at) d from beacon_sessions")[0]["d"]
+                    .is_null());
+
+    QTLStatusDatabase again(*vp.platform);
+    EXPECT_EQ(queryRows(dbPath(vp), "select * from schema_version").size(), 1u);
+    EXPECT_EQ(QTLStatusDatabase::formatDate(platform::Date::fromSecondsSince1970(1416018456.7891)),
+              "2014-11-15T02:27:36.789Z");
+    auto memory = QTLStatusDatabase::initWithInMemoryDatabase(*vp.platform);
+    EXPECT_FALSE(memory->sessionForBeacon(b(1, 2))) << "the in-memory store starts empty";
+}
+
+TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
+    VirtualPlatform vp;
+    TestServer server;
+    server.on("POST", "/sdk/v1/events", Reply{422, "{\"error\":1}"});
+    QTLStatusDatabase db(*vp.platform);
+    vp.scheduler().advanceBy(0.9);  // a fraction that must not show
+    db.rangedBeacon(b(1, 2));
+    QTLStatusUploader up(vp.platform, platform::Url::parse(server.url("/sdk/v1/events")), "st");
+    EXPECT_FALSE(up.sendEvents({})) << "an empty batch sends nothing";
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_FALSE(up.sendEvents(db.beaconSessionsToBeUploaded())) << "any status is a success";
+    auto got = server.requests();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(Json::parse(got[0].body),
+              Json({{"beacon_status_events",
+                     {{{"uuid", kU}, {"major", 1}, {"minor", 2}, {"last_seen", "2026-03-01T09:00:00Z"}}}},
+                    {"app_id", kTestVendorId}}));
+    EXPECT_EQ(got[0].header("AUTHORIZATION"), "Token token=\"st\"");
+    EXPECT_EQ(got[0].header("X-TL-AppID"), kTestVendorId);
+    EXPECT_EQ(got[0].header("X-TL-FrameworkVersion"), "1");
+    EXPECT_EQ(got[0].header("Accept"), "application/json");
+    EXPECT_EQ(got[0].header("Content-Type"), "application/json");
+
+    VirtualPlatform anonymous("");
+    QTLStatusUploader anon(anonymous.platform, platform::Url::parse(server.url("/sdk/v1/events")), "st");
+    EXPECT_FALSE(anon.buildBodyWithEvents({}).contains("app_id"));
+    anon.sendEvents(db.beaconSessionsToBeUploaded());
+    EXPECT_FALSE(server.requests().back().hasHeader("X-TL-AppID"));
+
+    ConsoleCapture console;
+    QTLStatusUploader nowhere(vp.platform, std::nullopt, "st");
+    EXPECT_FALSE(nowhere.sendEvents(db.beaconSessionsToBeUploaded()));
+    EXPECT_TRUE(console.contains("No QTLStatusURL set, skipping upload"));
+    QTLStatusUploader down(
+        vp.platform, platform::Url::parse("http://127.0.0.1:" + std::to_string(refusedPort()) + "/x"),
+        "st");
+    EXPECT_TRUE(down.sendEvents(db.beaconSessionsToBeUploaded()));
+}
+
+TEST(QTLAPIRequest, AsynchronousRequestsGoTwiceAndKeepAnAtomicCopyOfTheAnswer) {
+    VirtualPlatform vp;
+    TestServer server;
+    server.on("GET", "/sdk/v1/events", Reply{200, "{\"ok\":true}"});
+    QTLAPIRequest api(vp.platform, "st");
+    auto url = platform::Url::parse(server.url("/sdk/v1/events"));
+    EXPECT_EQ(api.fileNameFrom(*url), "tallyline-sdk-v1-events.data");
+    std::optional<Json> got;
+    std::optional<platform::Error> err;
+    auto handler = [&](std::optional<platform::Error> e, std::optional<Json> j) {
+        err = std::move(e);
+        got = std::move(j);
+    };
+    api.get(url, handler);
+    vp.scheduler().settle();
+    EXPECT_EQ(server.requests().size(), 2u);
+    EXPECT_FALSE(err);
+    EXPECT_EQ(got, Json({{"ok", true}}));
+    EXPECT_EQ(readFile(vp.documents.file("tallyline-sdk-v1-events.data")), "{\"ok\":true}");
+
+    server.on("POST", "/sdk/v1/events", Reply{200, ""});
+    api.post(url, "{}", handler);
+    vp.scheduler().settle();
+    EXPECT_EQ(server.requests().size(), 4u);
+    EXPECT_EQ(err, (platform::Error{"Tallyline", 204, "No Data"}));
+    EXPECT_EQ(got, Json({{"ok", true}})) << "the cached copy stands in";
+}
+
+TEST(QTLStatusManager, WatchdogUploadsWhenStrictlyMoreThanTheThresholdHasPassed) {
+    VirtualPlatform vp;
+    TestServer server;
+    server.on("POST", "/events", Reply{200, "{}"});
+    auto m = QTLStatusManager::initWithConfig(vp.platform, config(server.url("/events")));
+    vp.scheduler().settle();
+    EXPECT_EQ(m->eventTracker().lastSuccessfulUpload()->timeIntervalSince1970(), kTestStart)
+        << "the first tick comes at once, and an empty pass counts as a success";
+    EXPECT_TRUE(server.requests().empty());
+
+    vp.scheduler().advanceBy(10);
+    m->rangedBeacon(b(1, 2));
+    vp.scheduler().advanceBy(20);  // tick at exactly the threshold: not yet
+    EXPECT_FALSE(m->isTimeToUpload());
+    EXPECT_TRUE(server.requests().empty());
+    vp.scheduler().advanceBy(30);  // tick at 60
+    auto got = server.requestsTo("/events");
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(Json::parse(got[0].body)["beacon_status_events"][0]["last_seen"], "2026-03-01T09:00:10Z");
+    EXPECT_EQ(m->eventTracker().lastSuccessfulUpload()->timeIntervalSince1970(), kTestStart + 60);
+    EXPECT_EQ(queryRows(dbPath(vp), "select * from beacon_sessions where uploaded_at is null").size(),
+              0u);
+
+    // Once the manager is gone its ticks do nothing.
+    std::weak_ptr<QTLStatusManager> weak = m;
+    m.reset();
+    EXPECT_TRUE(weak.expired());
+    vp.scheduler().advanceBy(300);
+}
+
+TEST(QTLEventTrackingQueue, RequestsWhileAPassWaitsCoalesceAndAFailedPassKeepsEverythingDue) {
+    VirtualPlatform vp;
+    ConsoleCapture console;
+    auto down = "http://127.0.0.1:" + std::to_string(refusedPort()) + "/events";
+    auto q = QTLEventTrackingQueue::initWithConfig(vp.platform, config(down));
+    QTLStatusDatabase(*vp.platform).rangedBeacon(b(1, 2));
+
+    std::mutex mu;
+    std::condition_variable cv;
+    bool open = false;
+    q->queue()->async([&] {
+        std::unique_lock lk(mu);
+        cv.wait(lk, [&] { return open; });
+    });
+    for (int i = 0; i < 5; ++i) q->uploadEvents();
+    {
+        std::lock_guard lk(mu);
+        open = true;
+    }
+    cv.notify_all();
+    vp.scheduler().settle();
+    EXPECT_EQ(console.withPrefix("Failed uploading events: Error Domain=curl Code=7").size(), 1u)
+        << "five requests while the queue was held: one pass";
+    EXPECT_FALSE(q->lastSuccessfulUpload());
+    EXPECT_EQ(q->db().beaconSessionsToBeUploaded().size(), 1u);
+
+    // A URL that does not parse: the pass says so, counts as a success and marks what was due.
+    auto broken = QTLEventTrackingQueue::initWithConfig(vp.platform, config("not a url"));
+    broken->uploadEvents();
+    vp.scheduler().settle();
+    EXPECT_TRUE(console.contains("No QTLStatusURL set, skipping upload"));
+    EXPECT_TRUE(broken->lastSuccessfulUpload());
+    EXPECT_TRUE(broken->db().beaconSessionsToBeUploaded().empty());
+}
