@@ -21,7 +21,7 @@ struct HttpRequest {
     // Sent in this order, names as written. setHeader() replaces a header of the same name
     // (compared without regard to case); a null value removes it.
     std::vector<std::pair<std::string, std::string>> headers;
-    Bytes body;
+    std::string body;  // bytes, as sent
     double timeoutSeconds = 60.0;
     // Larger answers fail with a transport error instead of exhausting memory.
     std::size_t maxResponseBytes = 128u << 20;

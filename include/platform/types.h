@@ -44,6 +44,8 @@ class Date {
 // "yyyy-MM-dd'T'HH:mm:ss'Z'" (or with ".SSS" before the Z) in UTC: the fraction beyond the last
 // digit shown is dropped, not rounded.
 std::string formatUTC(Date d, bool milliseconds = false);
+// The same text appended to `out`.
+void appendUTC(std::string& out, Date d, bool milliseconds = false);
 
 // A failure as a value: the layer's domain, a code and a human-readable description.
 struct Error {

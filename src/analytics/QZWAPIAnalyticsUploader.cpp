@@ -1,5 +1,7 @@
 #include "analytics/QZWAPIAnalyticsUploader.h"
 
+#include <algorithm>
+#include <charconv>
 #include <map>
 
 #include "analytics/QZWAnalytics.h"
@@ -20,7 +22,28 @@ public:
         : out_(out),
           serializer_(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
                       Json::error_handler_t::replace) {}
-    void value(const Json& v) { serializer_.dump(v, false, false, 0); }
+    void value(const Json& v) {
+        // The values of a large upload are almost all small integers and plain ASCII text.
+        if (v.is_number_integer() && !v.is_number_unsigned()) {
+            char buf[24];
+            auto r = std::to_chars(buf, buf + sizeof buf, v.get<std::int64_t>());
+            out_.append(buf, r.ptr);
+            return;
+        }
+        if (v.is_string()) {
+            const auto& s = v.get_ref<const std::string&>();
+            bool plain = std::all_of(s.begin(), s.end(), [](char c) {
+                return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+            });
+            if (plain) {
+                out_ += '"';
+                out_ += s;
+                out_ += '"';
+                return;
+            }
+        }
+        serializer_.dump(v, false, false, 0);
+    }
     // A key the code spells itself: nothing to escape.
     void key(const char* k) {
         out_ += '"';
@@ -52,7 +75,7 @@ public:
         if (!d) return *this;
         member(key);
         out_.text() += '"';
-        out_.text() += QZWAnalytics::formatDate(*d);
+        quenby::platform::appendUTC(out_.text(), *d);
         out_.text() += '"';
         return *this;
     }
@@ -134,7 +157,13 @@ std::string QZWAPIAnalyticsUploader::buildBodyWithBeaconRegionsAndGeoRegionsAndE
     if (appId) eventGroups.erase("app_id");
     eventGroups.erase("partner_id");
 
+    // Sized up front: growing a large text by doubling would copy it repeatedly and, for a moment,
+    // hold it twice.
+    std::size_t estimate = 1024;
+    for (const auto& r : regions) estimate += 256 + 192 * r.beaconSessions.size();
+    estimate += 256 * geos.size() + 256 * events.size();
     std::string text;
+    text.reserve(estimate);
     JsonOut out(text);
     ObjectWriter top(out);
     for (const auto& [type, list] : eventGroups.items()) top.escapedMember(type).value(list);
@@ -174,11 +203,11 @@ std::string QZWAPIAnalyticsUploader::buildBodyWithBeaconRegionsAndGeoRegionsAndE
     return text;
 }
 
-bool QZWAPIAnalyticsUploader::uploadBody(const std::string& body) {
+bool QZWAPIAnalyticsUploader::uploadBody(std::string body) {
     if (!url_) {
         QZWLogger::log(QZWLogLevelInfo, "No ZWAnalyticsURL set in Zonewise.plist, skipping upload");
         return false;
     }
     // A completed exchange counts as accepted, whatever the status: the rows are then stamped.
-    return !api_.post(url_, body).error;
+    return !api_.post(url_, std::move(body)).error;
 }

@@ -38,7 +38,7 @@ public:
     // The last path component of the configured kit URL.
     std::optional<std::string> getKitID() const;
     std::string getPartnerId() const;
-    bool uploadBody(const std::string& body);
+    bool uploadBody(std::string body);
 
 private:
     std::shared_ptr<quenby::platform::Platform> platform_;

@@ -35,9 +35,16 @@ constexpr const char* kFindOpenGeo =
     "select id from geo_region_sessions where entered_at is not null and exited_at is null and "
     "latitude = ? and longitude = ? and radius = ? order by entered_at desc;";
 constexpr const char* kCloseGeoSession = "update geo_region_sessions set exited_at = ? where id = ?;";
+// A beacon's rows in a session. `id >= ?` takes the session's first possible row id: every row of
+// a session is written while it is open, after every row that existed when it opened (ids only
+// grow), so the bound excludes none of its rows and lets SQLite seek instead of scanning a table
+// that keeps every sighting ever made.
 constexpr const char* kFindBeacon =
-    "select id from beacon_sessions where region_session_id = ? and beacon_uuid = ? and "
-    "beacon_major = ? and beacon_minor = ?";
+    "select id from beacon_sessions where id >= ? and region_session_id = ? and beacon_uuid = ? "
+    "and beacon_major = ? and beacon_minor = ?";
+constexpr const char* kFirstRowOfSession =
+    "select min(id) from beacon_sessions where region_session_id = ?";
+constexpr const char* kNextRowId = "select coalesce(max(id), 0) + 1 from beacon_sessions";
 constexpr const char* kRefreshBeacon = "update beacon_sessions set last_detected_at = ? where id = ?;";
 constexpr const char* kInsertBeacon =
     "insert into beacon_sessions (region_session_id, first_detected_at,              beacon_uuid, "
@@ -132,6 +139,8 @@ void QZWAnalytics::closeSessionWithRegion(const QZWRegion* region) {
             if (!id) return;
             if (!db.executeUpdate(kCloseRegionSession, {platform_->scheduler->now(), *id})) {
                 QZWLogger::logFormat(QZWLogLevelError, "Failed to close session id {}", *id);
+            } else {
+                firstRows_.erase(*id);
             }
         });
     } else if (auto* c = dynamic_cast<const QZWCircle*>(region)) {
@@ -148,6 +157,22 @@ void QZWAnalytics::closeSessionWithRegion(const QZWRegion* region) {
     }
 }
 
+std::int64_t QZWAnalytics::firstPossibleRow(Database& db, std::int32_t session) {
+    auto it = firstRows_.find(session);
+    if (it != firstRows_.end()) return it->second;
+    std::int64_t first = 0;
+    auto rs = db.executeQuery(kFirstRowOfSession, {session});
+    if (rs && rs->next() && !rs->columnIndexIsNull(0)) {
+        first = rs->longLongIntForColumnIndex(0);
+    } else {
+        rs = db.executeQuery(kNextRowId);
+        if (!rs || !rs->next()) return 0;  // unknown: the lookup scans everything
+        first = rs->longLongIntForColumnIndex(0);
+    }
+    firstRows_.emplace(session, first);
+    return first;
+}
+
 void QZWAnalytics::updateSessionWithRegionAndBeacons(
     const QZWRegion* region, const std::vector<std::shared_ptr<const QZWBeacon>>& beacons) {
     auto* r = dynamic_cast<const QZWBeaconRegion*>(region);
@@ -155,6 +180,7 @@ void QZWAnalytics::updateSessionWithRegionAndBeacons(
     db_->inTransaction([&](Database& db, bool&) {
         auto session = findOpenSession(db, *r);
         if (!session) return;  // sightings outside a session are dropped
+        std::int64_t firstRow = firstPossibleRow(db, *session);
         for (const auto& b : beacons) {
             if (!b) continue;
             SqlArg uuid = uuidArg(b->uuid());
@@ -167,7 +193,7 @@ void QZWAnalytics::updateSessionWithRegionAndBeacons(
                     b->minor() ? b->minor()->description() : "(null)");
             };
             std::vector<std::int64_t> rows;
-            if (auto rs = db.executeQuery(kFindBeacon, {*session, uuid, major, minor})) {
+            if (auto rs = db.executeQuery(kFindBeacon, {firstRow, *session, uuid, major, minor})) {
                 while (rs->next()) rows.push_back(rs->longLongIntForColumnIndex(0));
             }
             for (std::int64_t row : rows) {

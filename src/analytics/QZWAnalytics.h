@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "analytics/QZWAnalyticsDatabase.h"
@@ -52,11 +53,15 @@ public:
     void markEventsUploaded(const std::vector<QZWEventRecord>& events);
 
 private:
+    // The lowest row id a beacon row of `session` can have, found once per open session.
+    std::int64_t firstPossibleRow(quenby::platform::Database& db, std::int32_t session);
     template <class Record>
     void markUploaded(const std::vector<Record>& records, const char* sql, const char* message);
 
     std::shared_ptr<quenby::platform::Platform> platform_;
     std::unique_ptr<QZWAnalyticsDatabase> db_;
+    // Touched only inside this object's transactions, which its database queue serialises.
+    std::unordered_map<std::int32_t, std::int64_t> firstRows_;
     mutable std::mutex loggerMutex_;
     std::shared_ptr<QZWAnalyticsLogger> logger_;  // guarded by loggerMutex_
 };

@@ -78,7 +78,7 @@ HttpResponse perform(const HttpRequest& req) {
             static const char kEmpty[] = "";
             curl_easy_setopt(
                 h, CURLOPT_POSTFIELDS,
-                req.body.empty() ? kEmpty : reinterpret_cast<const char*>(req.body.data()));
+                req.body.empty() ? kEmpty : req.body.data());
             curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE,
                              static_cast<curl_off_t>(req.body.size()));
         }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 
 #include "platform/url.h"
 #include "platform/uuid.h"
@@ -14,25 +13,64 @@ std::string Error::toString() const {
     return "Error Domain=" + domain + " Code=" + std::to_string(code) + " \"" + description + "\"";
 }
 
-std::string formatUTC(Date date, bool milliseconds) {
+void appendUTC(std::string& out, Date date, bool milliseconds) {
     double s = date.timeIntervalSince1970();
     if (std::isnan(s)) s = 0;
     s = std::clamp(s, -1e15, 1e15);
     double whole = std::floor(s);
-    auto t = static_cast<std::time_t>(whole);
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[80];
-    int n = std::snprintf(buf, sizeof buf, "%04lld-%02d-%02dT%02d:%02d:%02d",
-                          static_cast<long long>(tm.tm_year) + 1900, tm.tm_mon + 1, tm.tm_mday,
-                          tm.tm_hour, tm.tm_min, tm.tm_sec);
-    if (milliseconds) {
-        int ms = std::min(999, static_cast<int>(std::floor((s - whole) * 1000)));
-        std::snprintf(buf + n, sizeof buf - static_cast<std::size_t>(n), ".%03dZ", ms);
-    } else {
-        std::snprintf(buf + n, sizeof buf - static_cast<std::size_t>(n), "Z");
+    auto secs = static_cast<long long>(whole);
+    long long days = secs >= 0 ? secs / 86400 : -((-secs + 86399) / 86400);
+    long long sod = secs - days * 86400;
+    // Civil date from days since 1970-01-01 (proleptic Gregorian), without the C library's
+    // locale and time-zone machinery: an upload formats hundreds of thousands of these.
+    long long z = days + 719468;
+    long long era = (z >= 0 ? z : z - 146096) / 146097;
+    long long doe = z - era * 146097;
+    long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    long long mp = (5 * doy + 2) / 153;
+    long long day = doy - (153 * mp + 2) / 5 + 1;
+    long long month = mp < 10 ? mp + 3 : mp - 9;
+    long long year = yoe + era * 400 + (month <= 2 ? 1 : 0);
+
+    char buf[48];
+    char* p = buf;
+    auto digits = [&p](long long v, int width) {
+        char tmp[24];
+        int n = 0;
+        do {
+            tmp[n++] = static_cast<char>('0' + v % 10);
+            v /= 10;
+        } while (v > 0 || n < width);
+        while (n > 0) *p++ = tmp[--n];
+    };
+    if (year < 0) {
+        *p++ = '-';
+        year = -year;
     }
-    return buf;
+    digits(year, 4);
+    *p++ = '-';
+    digits(month, 2);
+    *p++ = '-';
+    digits(day, 2);
+    *p++ = 'T';
+    digits(sod / 3600, 2);
+    *p++ = ':';
+    digits(sod / 60 % 60, 2);
+    *p++ = ':';
+    digits(sod % 60, 2);
+    if (milliseconds) {
+        *p++ = '.';
+        digits(std::min(999LL, static_cast<long long>(std::floor((s - whole) * 1000))), 3);
+    }
+    *p++ = 'Z';
+    out.append(buf, p);
+}
+
+std::string formatUTC(Date date, bool milliseconds) {
+    std::string out;
+    appendUTC(out, date, milliseconds);
+    return out;
 }
 
 namespace {

@@ -39,9 +39,9 @@ void QZWAPIRequest::get(const std::optional<Url>& url, Handler handler) const {
 }
 
 QZWAPIRequest::PostResult QZWAPIRequest::post(const std::optional<Url>& url,
-                                              const std::string& body) const {
+                                              std::string body) const {
     HttpRequest req = newRequest(url, "POST");
-    req.body = quenby::platform::toBytes(body);
+    req.body = std::move(body);
     HttpResponse res = platform_->http->sendSync(req);
     return {std::move(res.error), std::move(res.body)};
 }

@@ -37,7 +37,7 @@ class QZWAPIRequest {
     // dropped, and once for real. `handler` runs on a background context of its own.
     void get(const std::optional<Url>& url, Handler handler) const;
     // Synchronous POST of `body` as JSON; the answer's body, or the transport error.
-    PostResult post(const std::optional<Url>& url, const std::string& body) const;
+    PostResult post(const std::optional<Url>& url, std::string body) const;
 
     void processResponseDataErrorUrlHandler(const Bytes& data, std::optional<Error> error,
                                             const std::optional<Url>& url,

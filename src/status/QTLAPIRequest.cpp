@@ -31,7 +31,7 @@ HttpRequest QTLAPIRequest::newPostRequest(const std::optional<Url>& url) const {
 std::optional<QTLAPIRequest::Error> QTLAPIRequest::postSync(const std::optional<Url>& url,
                                                             const std::string& body) const {
     HttpRequest req = newPostRequest(url);
-    req.body = quenby::platform::toBytes(body);
+    req.body = body;
     return platform_->http->sendSync(req).error;
 }
 
@@ -42,7 +42,7 @@ void QTLAPIRequest::get(const std::optional<Url>& url, Handler handler) const {
 void QTLAPIRequest::post(const std::optional<Url>& url, const std::string& body,
                          Handler handler) const {
     HttpRequest req = newPostRequest(url);
-    req.body = quenby::platform::toBytes(body);
+    req.body = body;
     send(std::move(req), url, std::move(handler));
 }
 

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cmath>
+#include <ctime>
+
 #include "platform/bundle.h"
 #include "platform/crypto.h"
 #include "platform/device.h"
@@ -159,4 +162,19 @@ TEST(Device, VendorIdentifierIsStablePerApplicationAndHidesTheMachineId) {
     ASSERT_TRUE(d.identifierForVendor());
     EXPECT_EQ(d.identifierForVendor(),
               LinuxDeviceInfo("app.one", dir.file("vendor-id")).identifierForVendor());
+}
+
+TEST(Dates, UtcTextMatchesTheCLibraryAcrossCenturiesAndDropsTheFraction) {
+    for (double t : {0.0, 951782400.0, 4107542399.0, -2208988800.0, 253402300799.0, 1416056709.7,
+                     -0.5, -86400.25, 68169600.0}) {
+        std::time_t whole = static_cast<std::time_t>(std::floor(t));
+        std::tm tm{};
+        gmtime_r(&whole, &tm);
+        char want[40];
+        std::strftime(want, sizeof want, "%Y-%m-%dT%H:%M:%SZ", &tm);
+        EXPECT_EQ(formatUTC(Date::fromSecondsSince1970(t)), want) << t;
+    }
+    EXPECT_EQ(formatUTC(Date::fromSecondsSince1970(1416018456.7891), true), "2014-11-15T02:27:36.789Z");
+    EXPECT_EQ(formatUTC(Date::distantPast()), "0001-01-01T00:00:00Z");
+    EXPECT_EQ(formatUTC(Date::distantFuture()), "4001-01-01T00:00:00Z");
 }

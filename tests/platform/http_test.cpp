@@ -20,7 +20,7 @@ TEST(HttpClient, SendsMethodHeadersInOrderAndBodyAndReportsAnyStatusAsCompleted)
     req.setHeader("x-one", "2");  // replaces, whatever the case
     req.setHeader("X-Gone", "g");
     req.setHeader("X-Gone", std::nullopt);
-    req.body = toBytes("{\"a\":1}");
+    req.body = "{\"a\":1}";
     HttpResponse res = vp.platform->http->sendSync(req);
     EXPECT_FALSE(res.error);
     EXPECT_EQ(res.statusCode, 500);
