@@ -52,7 +52,9 @@ void operator delete(void* p) noexcept {
     gHeapNow -= static_cast<long long>(malloc_usable_size(p));
     std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
+void operator delete(void* p, std::size_t) noexcept {
+    operator delete(p);
+}
 
 namespace {
 
@@ -137,17 +139,24 @@ struct Stmt {
     }
 };
 
-void exec(sqlite3* db, const char* sql) { sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
+void exec(sqlite3* db, const char* sql) {
+    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
 
 // History rows in beacon_sessions, in closed sessions of their own, as months of use leave.
 void addHistory(const std::string& path, int rows) {
     if (rows == 0) return;
     sqlite3* db = openRaw(path);
     exec(db, "begin");
-    Stmt s(db, "insert into beacon_sessions (region_session_id, first_detected_at, beacon_uuid, "
-               "beacon_major, beacon_minor) values (?, ?, ?, ?, ?)");
+    Stmt s(db,
+           "insert into beacon_sessions (region_session_id, first_detected_at, beacon_uuid, "
+           "beacon_major, beacon_minor) values (?, ?, ?, ?, ?)");
     for (int i = 0; i < rows; ++i) {
-        s.integer(1, 1000000 + i / 10).num(2, test::kTestStart).text(3, kUUID).integer(4, 9).integer(5, i);
+        s.integer(1, 1000000 + i / 10)
+            .num(2, test::kTestStart)
+            .text(3, kUUID)
+            .integer(4, 9)
+            .integer(5, i);
         s.run();
     }
     exec(db, "commit");
@@ -189,52 +198,69 @@ void BM_RangingReport_Floor(benchmark::State& state) {
     addHistory(vp.documents.file("ZonewiseAnalytics.sqlite"), static_cast<int>(state.range(0)));
     sqlite3* a = openRaw(vp.documents.file("ZonewiseAnalytics.sqlite"));
     sqlite3* t = openRaw(vp.documents.file("Tallyline.sqlite"));
-    exec(a, "insert into region_sessions (entered_at, region_uuid, region_major, region_minor) "
-            "values (1772355600.0, 'E621E1F8-C36C-495A-93FC-0C247A3E6E5F', 1, NULL)");
+    exec(a,
+         "insert into region_sessions (entered_at, region_uuid, region_major, region_minor) "
+         "values (1772355600.0, 'E621E1F8-C36C-495A-93FC-0C247A3E6E5F', 1, NULL)");
     {
-        Stmt find(a, "select id from region_sessions where entered_at is not null and exited_at is "
-                     "null and region_uuid = ? and region_major = ? and region_minor is null order "
-                     "by entered_at desc;");
-        Stmt beaconRow(a, literal ? "select id from beacon_sessions where region_session_id = ? and "
-                                    "beacon_uuid = ? and beacon_major = ? and beacon_minor = ?"
-                                  : "select id from beacon_sessions where id >= ? and "
-                                    "region_session_id = ? and beacon_uuid = ? and beacon_major = "
-                                    "? and beacon_minor = ?");
+        Stmt find(a,
+                  "select id from region_sessions where entered_at is not null and exited_at is "
+                  "null and region_uuid = ? and region_major = ? and region_minor is null order "
+                  "by entered_at desc;");
+        Stmt beaconRow(a, literal
+                              ? "select id from beacon_sessions where region_session_id = ? and "
+                                "beacon_uuid = ? and beacon_major = ? and beacon_minor = ?"
+                              : "select id from beacon_sessions where id >= ? and "
+                                "region_session_id = ? and beacon_uuid = ? and beacon_major = "
+                                "? and beacon_minor = ?");
         long long firstRow = 0;
         {
             Stmt next(a, "select coalesce(max(id), 0) + 1 from beacon_sessions");
             if (sqlite3_step(next.s) == SQLITE_ROW) firstRow = sqlite3_column_int64(next.s, 0);
         }
         Stmt refresh(a, "update beacon_sessions set last_detected_at = ? where id = ?;");
-        Stmt insert(a, "insert into beacon_sessions (region_session_id, first_detected_at, "
-                       "beacon_uuid, beacon_major, beacon_minor) VALUES (?, ?, ?, ?, ?);");
-        Stmt session(t, "select * from beacon_sessions where beacon_uuid = ? and beacon_major = ? "
-                        "and beacon_minor = ?");
-        Stmt tInsert(t, "insert into beacon_sessions (first_detected_at, last_detected_at, "
-                        "beacon_uuid, beacon_major, beacon_minor, uploaded_at) VALUES (?, ?, ?, ?, "
-                        "?, NULL);");
-        Stmt tUpdate(t, "update beacon_sessions set last_detected_at = ? where beacon_uuid = ? and "
-                        "beacon_major = ? and beacon_minor = ?;");
+        Stmt insert(a,
+                    "insert into beacon_sessions (region_session_id, first_detected_at, "
+                    "beacon_uuid, beacon_major, beacon_minor) VALUES (?, ?, ?, ?, ?);");
+        Stmt session(t,
+                     "select * from beacon_sessions where beacon_uuid = ? and beacon_major = ? "
+                     "and beacon_minor = ?");
+        Stmt tInsert(t,
+                     "insert into beacon_sessions (first_detected_at, last_detected_at, "
+                     "beacon_uuid, beacon_major, beacon_minor, uploaded_at) VALUES (?, ?, ?, ?, "
+                     "?, NULL);");
+        Stmt tUpdate(t,
+                     "update beacon_sessions set last_detected_at = ? where beacon_uuid = ? and "
+                     "beacon_major = ? and beacon_minor = ?;");
         double now = test::kTestStart;
         for (auto _ : state) {
             exec(a, "begin exclusive transaction");
             sqlite3_bind_text(find.s, 1, kUUID, -1, SQLITE_STATIC);
             sqlite3_bind_int(find.s, 2, 1);
-            long long sessionId = sqlite3_step(find.s) == SQLITE_ROW ? sqlite3_column_int64(find.s, 0) : 0;
+            long long sessionId =
+                sqlite3_step(find.s) == SQLITE_ROW ? sqlite3_column_int64(find.s, 0) : 0;
             sqlite3_reset(find.s);
             for (int i = 0; i < 30; ++i) {
                 int p = 1;
                 if (!literal) beaconRow.integer(p++, firstRow);
-                beaconRow.integer(p, sessionId).text(p + 1, kUUID).integer(p + 2, 1).integer(p + 3, i);
+                beaconRow.integer(p, sessionId)
+                    .text(p + 1, kUUID)
+                    .integer(p + 2, 1)
+                    .integer(p + 3, i);
                 long long row = 0;
-                if (sqlite3_step(beaconRow.s) == SQLITE_ROW) row = sqlite3_column_int64(beaconRow.s, 0);
+                if (sqlite3_step(beaconRow.s) == SQLITE_ROW)
+                    row = sqlite3_column_int64(beaconRow.s, 0);
                 while (sqlite3_step(beaconRow.s) == SQLITE_ROW) {
                 }
                 sqlite3_reset(beaconRow.s);
                 if (row) {
                     refresh.num(1, now).integer(2, row).run();
                 } else {
-                    insert.integer(1, sessionId).num(2, now).text(3, kUUID).integer(4, 1).integer(5, i).run();
+                    insert.integer(1, sessionId)
+                        .num(2, now)
+                        .text(3, kUUID)
+                        .integer(4, 1)
+                        .integer(5, i)
+                        .run();
                 }
             }
             exec(a, "commit transaction");
@@ -244,7 +270,12 @@ void BM_RangingReport_Floor(benchmark::State& state) {
                 if (exists) {
                     tUpdate.num(1, now).text(2, kUUID).integer(3, 1).integer(4, i).run();
                 } else {
-                    tInsert.num(1, now).num(2, now).text(3, kUUID).integer(4, 1).integer(5, i).run();
+                    tInsert.num(1, now)
+                        .num(2, now)
+                        .text(3, kUUID)
+                        .integer(4, 1)
+                        .integer(5, i)
+                        .run();
                 }
                 exec(t, "commit transaction");
                 session.text(1, kUUID).integer(2, 1).integer(3, i).run();
@@ -259,16 +290,24 @@ void BM_RangingReport_Floor(benchmark::State& state) {
 void fillSessions(const std::string& path) {
     sqlite3* db = openRaw(path);
     exec(db, "begin");
-    Stmt region(db, "insert into region_sessions (entered_at, exited_at, region_uuid, region_major, "
-                    "region_minor) values (?, ?, ?, ?, ?)");
-    Stmt beacon(db, "insert into beacon_sessions (region_session_id, first_detected_at, "
-                    "last_detected_at, beacon_uuid, beacon_major, beacon_minor) values (?, ?, ?, ?, "
-                    "?, ?)");
+    Stmt region(db,
+                "insert into region_sessions (entered_at, exited_at, region_uuid, region_major, "
+                "region_minor) values (?, ?, ?, ?, ?)");
+    Stmt beacon(db,
+                "insert into beacon_sessions (region_session_id, first_detected_at, "
+                "last_detected_at, beacon_uuid, beacon_major, beacon_minor) values (?, ?, ?, ?, "
+                "?, ?)");
     for (int i = 1; i <= 10000; ++i) {
         double t = test::kTestStart + i;
         region.num(1, t).num(2, t + 60).text(3, kUUID).integer(4, 1).integer(5, i % 100).run();
         for (int k = 0; k < 10; ++k) {
-            beacon.integer(1, i).num(2, t + k).num(3, t + k + 1).text(4, kUUID).integer(5, 1).integer(6, k).run();
+            beacon.integer(1, i)
+                .num(2, t + k)
+                .num(3, t + k + 1)
+                .text(4, kUUID)
+                .integer(5, 1)
+                .integer(6, k)
+                .run();
         }
     }
     exec(db, "commit");
@@ -326,14 +365,17 @@ void BM_UploadCycle_Floor(benchmark::State& state) {
     fillSessions(path);
     sqlite3* db = openRaw(path);
     {
-        Stmt regions(db, "select * from region_sessions where uploaded_at is null and exited_at is "
-                         "not null;");
-        Stmt beacons(db, "select * from beacon_sessions where region_session_id in (select id from "
-                         "region_sessions where uploaded_at is null and exited_at is not null) order "
-                         "by id");
+        Stmt regions(db,
+                     "select * from region_sessions where uploaded_at is null and exited_at is "
+                     "not null;");
+        Stmt beacons(db,
+                     "select * from beacon_sessions where region_session_id in (select id from "
+                     "region_sessions where uploaded_at is null and exited_at is not null) order "
+                     "by id");
         Stmt events(db, "select * from events where uploaded_at is null;");
-        Stmt geos(db, "select * from geo_region_sessions where uploaded_at is null and exited_at is "
-                      "not null;");
+        Stmt geos(db,
+                  "select * from geo_region_sessions where uploaded_at is null and exited_at is "
+                  "not null;");
         Stmt mark(db, "update region_sessions set uploaded_at = ? where id = ?;");
         for (auto _ : state) {
             state.PauseTiming();

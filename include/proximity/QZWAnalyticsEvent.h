@@ -6,7 +6,7 @@
 #include "platform/json.h"
 
 class QZWAnalyticsEvent {
-public:
+  public:
     // Queues "QZWManagerDidTriggerAnalyticsEvent" on the calling thread's notification queue,
     // delivered at the end of the current run-loop pass. Events posted in one pass collapse into
     // one (the first), and with no analytics logger alive nobody records them.

@@ -10,7 +10,7 @@
 #include "proximity/QZWKit.h"
 
 class QZWStatusLogger : public std::enable_shared_from_this<QZWStatusLogger> {
-public:
+  public:
     static constexpr const char* kDevelopmentURL = "http://127.0.0.1:3000/sdk/v1/events";
 
     static std::shared_ptr<QZWStatusLogger> create(
@@ -22,10 +22,10 @@ public:
     void didEnterRegion(const quenby::platform::Notification& n);
     void didRangeBeaconsInRegion(const quenby::platform::Notification& n);
     // The region is not used.
-    void postStatusWithRegionOrBeacons(const QZWRegion* region,
-                                       const std::vector<std::shared_ptr<const QZWBeacon>>& beacons);
+    void postStatusWithRegionOrBeacons(
+        const QZWRegion* region, const std::vector<std::shared_ptr<const QZWBeacon>>& beacons);
 
-private:
+  private:
     explicit QZWStatusLogger(std::shared_ptr<quenby::platform::Platform> p)
         : platform_(std::move(p)) {}
     void registerForZWNotifications();

@@ -25,7 +25,7 @@ struct QTLBeacon {
 };
 
 class QTLDevice {
-public:
+  public:
     explicit QTLDevice(std::shared_ptr<const quenby::platform::DeviceInfo> d)
         : device_(std::move(d)) {}
     // Nothing when the platform gives no identifier.
@@ -34,6 +34,6 @@ public:
         return id ? std::optional(id->uuidString()) : std::nullopt;
     }
 
-private:
+  private:
     std::shared_ptr<const quenby::platform::DeviceInfo> device_;
 };

@@ -15,7 +15,7 @@ class QTLStatusDatabase;
 class QTLEventTrackingQueue;
 
 class QTLStatusManager : public std::enable_shared_from_this<QTLStatusManager> {
-public:
+  public:
     static constexpr const char* kWatchdogQueueLabel = "com.quenby.tallyline.watchdogs";
 
     // `config`: {"url": status endpoint, "token": status API token}. Starts working at once: the
@@ -50,7 +50,7 @@ public:
     QTLStatusDatabase& db() { return *db_; }
     QTLEventTrackingQueue& eventTracker() { return *eventTracker_; }
 
-private:
+  private:
     explicit QTLStatusManager(std::shared_ptr<quenby::platform::Platform> p);
 
     std::shared_ptr<quenby::platform::Platform> platform_;

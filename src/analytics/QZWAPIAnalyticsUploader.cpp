@@ -17,7 +17,7 @@ namespace {
 
 // Appends JSON to one string without a temporary string per value.
 class JsonOut {
-public:
+  public:
     explicit JsonOut(std::string& out)
         : out_(out),
           serializer_(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
@@ -57,14 +57,14 @@ public:
     }
     std::string& text() { return out_; }
 
-private:
+  private:
     std::string& out_;
     nlohmann::detail::serializer<Json> serializer_;
 };
 
 // Writes one object; a date member is left out when its column was NULL.
 class ObjectWriter {
-public:
+  public:
     explicit ObjectWriter(JsonOut& out) : out_(out) { out_.text() += '{'; }
     ObjectWriter& field(const char* key, const Json& v) {
         member(key);
@@ -92,7 +92,7 @@ public:
     }
     void close() { out_.text() += '}'; }
 
-private:
+  private:
     void separator() {
         if (!first_) out_.text() += ',';
         first_ = false;
@@ -144,7 +144,9 @@ std::optional<std::string> QZWAPIAnalyticsUploader::getKitID() const {
     return kitUrl_->lastPathComponent();
 }
 
-std::string QZWAPIAnalyticsUploader::getPartnerId() const { return QZWPartner().getIdentifier(); }
+std::string QZWAPIAnalyticsUploader::getPartnerId() const {
+    return QZWPartner().getIdentifier();
+}
 
 std::string QZWAPIAnalyticsUploader::buildBodyWithBeaconRegionsAndGeoRegionsAndEvents(
     const std::vector<QZWRegionSessionRecord>& regions,

@@ -12,7 +12,7 @@
 #include "proximity/QZWAPIRequest.h"
 
 class QZWAPIAnalyticsUploader {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     // Token and endpoint come from the shared configuration as it is now.
@@ -40,7 +40,7 @@ public:
     std::string getPartnerId() const;
     bool uploadBody(std::string body);
 
-private:
+  private:
     std::shared_ptr<quenby::platform::Platform> platform_;
     QZWAPIRequest api_;
     std::optional<quenby::platform::Url> url_;

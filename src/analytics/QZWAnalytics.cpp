@@ -27,14 +27,16 @@ constexpr const char* kFindOpenMajor =
 constexpr const char* kFindOpenUUID =
     "select id from region_sessions where entered_at is not null and exited_at is null and "
     "region_uuid = ? and region_major is null and region_minor is null order by entered_at desc;";
-constexpr const char* kCloseRegionSession = "update region_sessions set exited_at = ? where id = ?;";
+constexpr const char* kCloseRegionSession =
+    "update region_sessions set exited_at = ? where id = ?;";
 constexpr const char* kOpenGeoSession =
     "insert into geo_region_sessions (entered_at, latitude, longitude, radius, region_id) VALUES "
     "(?, ?, ?, ?, ?);";
 constexpr const char* kFindOpenGeo =
     "select id from geo_region_sessions where entered_at is not null and exited_at is null and "
     "latitude = ? and longitude = ? and radius = ? order by entered_at desc;";
-constexpr const char* kCloseGeoSession = "update geo_region_sessions set exited_at = ? where id = ?;";
+constexpr const char* kCloseGeoSession =
+    "update geo_region_sessions set exited_at = ? where id = ?;";
 // A beacon's rows in a session. `id >= ?` takes the session's first possible row id: every row of
 // a session is written while it is open, after every row that existed when it opened (ids only
 // grow), so the bound excludes none of its rows and lets SQLite seek instead of scanning a table
@@ -45,7 +47,8 @@ constexpr const char* kFindBeacon =
 constexpr const char* kFirstRowOfSession =
     "select min(id) from beacon_sessions where region_session_id = ?";
 constexpr const char* kNextRowId = "select coalesce(max(id), 0) + 1 from beacon_sessions";
-constexpr const char* kRefreshBeacon = "update beacon_sessions set last_detected_at = ? where id = ?;";
+constexpr const char* kRefreshBeacon =
+    "update beacon_sessions set last_detected_at = ? where id = ?;";
 constexpr const char* kInsertBeacon =
     "insert into beacon_sessions (region_session_id, first_detected_at,              beacon_uuid, "
     "   beacon_major, beacon_minor) VALUES (                ?,                 ?,                "
@@ -113,7 +116,9 @@ void QZWAnalytics::stopLogging() {
     // The logger stops observing as it goes, outside the lock.
 }
 
-std::string QZWAnalytics::formatDate(Date date) { return quenby::platform::formatUTC(date); }
+std::string QZWAnalytics::formatDate(Date date) {
+    return quenby::platform::formatUTC(date);
+}
 
 void QZWAnalytics::openSessionWithRegion(const QZWRegion* region) {
     if (auto* r = dynamic_cast<const QZWBeaconRegion*>(region)) {
@@ -125,9 +130,8 @@ void QZWAnalytics::openSessionWithRegion(const QZWRegion* region) {
         });
     } else if (auto* c = dynamic_cast<const QZWCircle*>(region)) {
         db_->inTransaction([&](Database& db, bool&) {
-            db.executeUpdate(kOpenGeoSession,
-                             {platform_->scheduler->now(), c->latitude(), c->longitude(),
-                              c->radius(), c->identifier()});
+            db.executeUpdate(kOpenGeoSession, {platform_->scheduler->now(), c->latitude(),
+                                               c->longitude(), c->radius(), c->identifier()});
         });
     }
 }
@@ -186,11 +190,10 @@ void QZWAnalytics::updateSessionWithRegionAndBeacons(
             SqlArg uuid = uuidArg(b->uuid());
             SqlArg major(b->major()), minor(b->minor());
             auto failed = [&] {
-                QZWLogger::logFormat(
-                    QZWLogLevelError, "Failed inserting beacon ({}, {}, {})",
-                    b->uuid() ? b->uuid()->uuidString() : "(null)",
-                    b->major() ? b->major()->description() : "(null)",
-                    b->minor() ? b->minor()->description() : "(null)");
+                QZWLogger::logFormat(QZWLogLevelError, "Failed inserting beacon ({}, {}, {})",
+                                     b->uuid() ? b->uuid()->uuidString() : "(null)",
+                                     b->major() ? b->major()->description() : "(null)",
+                                     b->minor() ? b->minor()->description() : "(null)");
             };
             std::vector<std::int64_t> rows;
             if (auto rs = db.executeQuery(kFindBeacon, {firstRow, *session, uuid, major, minor})) {
@@ -292,7 +295,8 @@ std::vector<QZWEventRecord> QZWAnalytics::eventsToBeUploaded() {
             e.id = rs->objectForColumn("id");
             e.eventType = rs->objectForColumn("event_type");
             std::string why;
-            auto details = quenby::platform::unarchiveJson(rs->dataForColumn("event_details"), &why);
+            auto details =
+                quenby::platform::unarchiveJson(rs->dataForColumn("event_details"), &why);
             if (!details) {
                 QZWLogger::logFormat(QZWLogLevelError, "Unreadable details of event {}: {}",
                                      e.id.dump(), why);

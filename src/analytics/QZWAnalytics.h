@@ -17,7 +17,7 @@
 class QZWAnalyticsLogger;
 
 class QZWAnalytics {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     // Opens the database file of the platform's documents directory.
@@ -52,7 +52,7 @@ public:
     void markGeoRegionsUploaded(const std::vector<QZWGeoSessionRecord>& geos);
     void markEventsUploaded(const std::vector<QZWEventRecord>& events);
 
-private:
+  private:
     // The lowest row id a beacon row of `session` can have, found once per open session.
     std::int64_t firstPossibleRow(quenby::platform::Database& db, std::int32_t session);
     template <class Record>

@@ -28,18 +28,18 @@ void QZWAnalyticsDatabase::setupDatabaseSchema() {
     if (databaseQueue_) setupVersionedSchema(databaseQueue_->database(), kSchema);
 }
 
-void QZWAnalyticsDatabase::inTransaction(
-    const std::function<void(Database&, bool&)>& block) const {
+void QZWAnalyticsDatabase::inTransaction(const std::function<void(Database&, bool&)>& block) const {
     if (databaseQueue_) databaseQueue_->inTransaction(block);
 }
 
 void QZWAnalyticsDatabase::dumpDatabaseToConsole() const {
     inTransaction([](Database& db, bool&) {
-        dumpQueries(db,
-                    {"select * from schema_version", "select * from region_sessions order by id desc",
-                     "select * from beacon_sessions order by id desc",
-                     "select * from events order by id desc",
-                     "select * from geo_region_sessions order by id desc"},
-                    " |\n");
+        dumpQueries(
+            db,
+            {"select * from schema_version", "select * from region_sessions order by id desc",
+             "select * from beacon_sessions order by id desc",
+             "select * from events order by id desc",
+             "select * from geo_region_sessions order by id desc"},
+            " |\n");
     });
 }

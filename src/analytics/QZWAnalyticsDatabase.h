@@ -12,7 +12,7 @@
 #include "platform/platform.h"
 
 class QZWAnalyticsDatabase {
-public:
+  public:
     static constexpr const char* kFileName = "ZonewiseAnalytics.sqlite";
     static constexpr const char* kSchema =
         "create table if not exists schema_version (version integer);"
@@ -45,7 +45,7 @@ public:
     // Prints every table, newest rows first, to standard output.
     void dumpDatabaseToConsole() const;
 
-private:
+  private:
     QZWAnalyticsDatabase(const quenby::platform::Platform& platform,
                          std::optional<std::string> path);
     void setupDatabaseSchema();

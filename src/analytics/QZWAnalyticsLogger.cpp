@@ -22,7 +22,9 @@ std::shared_ptr<QZWAnalyticsLogger> QZWAnalyticsLogger::create(
     return logger;
 }
 
-QZWAnalyticsLogger::~QZWAnalyticsLogger() { unregisterForZWNotifications(); }
+QZWAnalyticsLogger::~QZWAnalyticsLogger() {
+    unregisterForZWNotifications();
+}
 
 void QZWAnalyticsLogger::initProperties(std::shared_ptr<quenby::platform::Platform> platform) {
     analytics_ = std::make_shared<QZWAnalytics>(std::move(platform));
@@ -32,9 +34,10 @@ void QZWAnalyticsLogger::registerForZWNotifications() {
     auto& center = NotificationCenter::defaultCenter();
     std::weak_ptr<QZWAnalyticsLogger> weak = weak_from_this();
     auto observe = [&](const char* name, void (QZWAnalyticsLogger::*handler)(const Notification&)) {
-        observers_.push_back(center.addObserver(name, nullptr, [weak, handler](const Notification& n) {
-            if (auto self = weak.lock()) ((*self).*handler)(n);
-        }));
+        observers_.push_back(
+            center.addObserver(name, nullptr, [weak, handler](const Notification& n) {
+                if (auto self = weak.lock()) ((*self).*handler)(n);
+            }));
     };
     observe(QZWManagerDidEnterRegionNotification, &QZWAnalyticsLogger::didEnterRegion);
     observe(QZWManagerDidExitRegionNotification, &QZWAnalyticsLogger::didExitRegion);

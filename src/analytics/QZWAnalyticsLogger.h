@@ -10,7 +10,7 @@
 #include "platform/platform.h"
 
 class QZWAnalyticsLogger : public std::enable_shared_from_this<QZWAnalyticsLogger> {
-public:
+  public:
     // Observes from the moment it is made; stops when it goes.
     static std::shared_ptr<QZWAnalyticsLogger> create(
         std::shared_ptr<quenby::platform::Platform> platform);
@@ -25,7 +25,7 @@ public:
     void didRangeBeaconsInRegion(const quenby::platform::Notification& n);
     void didTriggerAnalyticsEvent(const quenby::platform::Notification& n);
 
-private:
+  private:
     QZWAnalyticsLogger() = default;
     void registerForZWNotifications();
     void unregisterForZWNotifications();

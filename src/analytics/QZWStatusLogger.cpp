@@ -15,7 +15,9 @@ std::shared_ptr<QZWStatusLogger> QZWStatusLogger::create(
     return logger;
 }
 
-QZWStatusLogger::~QZWStatusLogger() { unregisterForZWNotifications(); }
+QZWStatusLogger::~QZWStatusLogger() {
+    unregisterForZWNotifications();
+}
 
 void QZWStatusLogger::registerForZWNotifications() {
     auto& center = NotificationCenter::defaultCenter();
@@ -40,7 +42,8 @@ void QZWStatusLogger::didEnterRegion(const Notification&) {
 
 void QZWStatusLogger::didRangeBeaconsInRegion(const Notification& n) {
     quenby::platform::consoleWrite("Status range");
-    auto* region = n.userInfo.get<std::shared_ptr<const QZWRegion>>(QZWManagerNotificationRegionKey);
+    auto* region =
+        n.userInfo.get<std::shared_ptr<const QZWRegion>>(QZWManagerNotificationRegionKey);
     auto* beacons = n.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(
         QZWManagerNotificationBeaconsKey);
     if (beacons) postStatusWithRegionOrBeacons(region ? region->get() : nullptr, *beacons);

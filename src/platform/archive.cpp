@@ -7,7 +7,7 @@ namespace {
 // Builds the value as the library's DOM reader does, refusing to go deeper than the limit before
 // the reader recurses into a container.
 class DepthLimitedSax {
-public:
+  public:
     explicit DepthLimitedSax(Json& out) : dom_(out, false) {}
 
     bool null() { return dom_.null(); }
@@ -30,14 +30,15 @@ public:
         --depth_;
         return dom_.end_array();
     }
-    bool parse_error(std::size_t pos, const std::string& tok, const nlohmann::detail::exception& e) {
+    bool parse_error(std::size_t pos, const std::string& tok,
+                     const nlohmann::detail::exception& e) {
         error_ = e.what();
         return dom_.parse_error(pos, tok, e);
     }
     bool tooDeep() const { return tooDeep_; }
     const std::string& error() const { return error_; }
 
-private:
+  private:
     bool deeper() {
         if (++depth_ > kMaxJsonDepth) {
             tooDeep_ = true;
@@ -53,7 +54,9 @@ private:
 
 }  // namespace
 
-Bytes archiveJson(const Json& value) { return Json::to_cbor(value); }
+Bytes archiveJson(const Json& value) {
+    return Json::to_cbor(value);
+}
 
 std::optional<Json> unarchiveJson(const Bytes& data, std::string* error) {
     Json out;

@@ -47,9 +47,9 @@ std::unique_ptr<Database> Database::open(const std::optional<std::string>& path,
                                          std::string* error) {
     sqlite3* db = nullptr;
     std::string name = path ? *path : ":memory:";
-    int rc = sqlite3_open_v2(name.c_str(), &db,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                             nullptr);
+    int rc =
+        sqlite3_open_v2(name.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         if (error) *error = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         sqlite3_close(db);
@@ -64,16 +64,29 @@ Database::~Database() {
     sqlite3_close_v2(db_);
 }
 
-void Database::setBusyTimeout(int ms) { sqlite3_busy_timeout(db_, ms); }
+void Database::setBusyTimeout(int ms) {
+    sqlite3_busy_timeout(db_, ms);
+}
 
-int Database::lastErrorCode() const { return sqlite3_errcode(db_); }
-std::string Database::lastErrorMessage() const { return sqlite3_errmsg(db_); }
-std::int64_t Database::lastInsertRowId() const { return sqlite3_last_insert_rowid(db_); }
-int Database::changes() const { return sqlite3_changes(db_); }
-bool Database::isInTransaction() const { return sqlite3_get_autocommit(db_) == 0; }
+int Database::lastErrorCode() const {
+    return sqlite3_errcode(db_);
+}
+std::string Database::lastErrorMessage() const {
+    return sqlite3_errmsg(db_);
+}
+std::int64_t Database::lastInsertRowId() const {
+    return sqlite3_last_insert_rowid(db_);
+}
+int Database::changes() const {
+    return sqlite3_changes(db_);
+}
+bool Database::isInTransaction() const {
+    return sqlite3_get_autocommit(db_) == 0;
+}
 
 void Database::logError(const std::string& sql) const {
-    consoleWrite("DB Error: " + std::to_string(lastErrorCode()) + " \"" + lastErrorMessage() + "\"");
+    consoleWrite("DB Error: " + std::to_string(lastErrorCode()) + " \"" + lastErrorMessage() +
+                 "\"");
     consoleWrite("DB Query: " + sql);
     consoleWrite("DB Path: " + path_.value_or("(in memory)"));
 }
@@ -201,16 +214,24 @@ std::unique_ptr<ResultSet> Database::executeQuery(const std::string& sql,
     return query(sql, args.data(), args.size());
 }
 
-bool Database::beginExclusiveTransaction() { return executeUpdate("begin exclusive transaction"); }
-bool Database::commit() { return executeUpdate("commit transaction"); }
-bool Database::rollback() { return executeUpdate("rollback transaction"); }
+bool Database::beginExclusiveTransaction() {
+    return executeUpdate("begin exclusive transaction");
+}
+bool Database::commit() {
+    return executeUpdate("commit transaction");
+}
+bool Database::rollback() {
+    return executeUpdate("rollback transaction");
+}
 
 // ---------------------------------------------------------------------------------------------
 
 ResultSet::ResultSet(Database* db, sqlite3_stmt* stmt, bool cached, std::string sql)
     : db_(db), stmt_(stmt), cached_(cached), sql_(std::move(sql)) {}
 
-ResultSet::~ResultSet() { close(); }
+ResultSet::~ResultSet() {
+    close();
+}
 
 void ResultSet::close() {
     if (!stmt_) return;
@@ -227,7 +248,9 @@ bool ResultSet::next() {
     return false;
 }
 
-int ResultSet::columnCount() const { return stmt_ ? sqlite3_column_count(stmt_) : 0; }
+int ResultSet::columnCount() const {
+    return stmt_ ? sqlite3_column_count(stmt_) : 0;
+}
 
 std::string ResultSet::columnNameForIndex(int i) const {
     const char* n = stmt_ ? sqlite3_column_name(stmt_, i) : nullptr;
@@ -251,7 +274,9 @@ std::int64_t ResultSet::longLongIntForColumnIndex(int i) const {
     return stmt_ ? sqlite3_column_int64(stmt_, i) : 0;
 }
 
-int ResultSet::intForColumnIndex(int i) const { return stmt_ ? sqlite3_column_int(stmt_, i) : 0; }
+int ResultSet::intForColumnIndex(int i) const {
+    return stmt_ ? sqlite3_column_int(stmt_, i) : 0;
+}
 
 double ResultSet::doubleForColumnIndex(int i) const {
     return stmt_ ? sqlite3_column_double(stmt_, i) : 0;

@@ -26,7 +26,7 @@ namespace quenby::platform {
 // One bound parameter. Absent values (nullopt, null) bind as NULL; dates bind as their seconds
 // since 1970, a double; numbers keep their integer or floating-point kind.
 class SqlArg {
-public:
+  public:
     using Value = std::variant<std::monostate, std::int64_t, double, std::string, Bytes>;
 
     SqlArg(std::nullptr_t) {}
@@ -52,7 +52,7 @@ public:
 
     const Value& value() const { return v_; }
 
-private:
+  private:
     Value v_;
 };
 
@@ -60,7 +60,7 @@ class Database;
 
 // The rows of one query. Reading a column of the wrong kind converts as SQLite does.
 class ResultSet {
-public:
+  public:
     ~ResultSet();
     ResultSet(const ResultSet&) = delete;
     ResultSet& operator=(const ResultSet&) = delete;
@@ -85,30 +85,40 @@ public:
     // The value as the database holds it: integer, real, text, NULL (null) or blob (binary).
     Json objectForColumnIndex(int i) const;
 
-    bool columnIsNull(std::string_view name) const { return at(name, [&](int i) { return columnIndexIsNull(i); }, true); }
+    bool columnIsNull(std::string_view name) const {
+        return at(
+            name, [&](int i) { return columnIndexIsNull(i); }, true);
+    }
     std::int64_t longLongIntForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return longLongIntForColumnIndex(i); }, std::int64_t{0});
+        return at(
+            name, [&](int i) { return longLongIntForColumnIndex(i); }, std::int64_t{0});
     }
     int intForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return intForColumnIndex(i); }, 0);
+        return at(
+            name, [&](int i) { return intForColumnIndex(i); }, 0);
     }
     double doubleForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return doubleForColumnIndex(i); }, 0.0);
+        return at(
+            name, [&](int i) { return doubleForColumnIndex(i); }, 0.0);
     }
     std::optional<std::string> stringForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return stringForColumnIndex(i); }, std::optional<std::string>());
+        return at(
+            name, [&](int i) { return stringForColumnIndex(i); }, std::optional<std::string>());
     }
     Bytes dataForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return dataForColumnIndex(i); }, Bytes());
+        return at(
+            name, [&](int i) { return dataForColumnIndex(i); }, Bytes());
     }
     std::optional<Date> dateForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return dateForColumnIndex(i); }, std::optional<Date>());
+        return at(
+            name, [&](int i) { return dateForColumnIndex(i); }, std::optional<Date>());
     }
     Json objectForColumn(std::string_view name) const {
-        return at(name, [&](int i) { return objectForColumnIndex(i); }, Json());
+        return at(
+            name, [&](int i) { return objectForColumnIndex(i); }, Json());
     }
 
-private:
+  private:
     friend class Database;
     ResultSet(Database* db, sqlite3_stmt* stmt, bool cached, std::string sql);
     template <class F, class R>
@@ -128,7 +138,7 @@ private:
 // cached by their text. Failures are logged ("DB Error: …", "DB Query: …", "DB Path: …") and
 // answered as false / null.
 class Database {
-public:
+  public:
     // A null path opens a private in-memory database. Nothing when SQLite cannot open the file.
     static std::unique_ptr<Database> open(const std::optional<std::string>& path,
                                           std::string* error = nullptr);
@@ -159,7 +169,7 @@ public:
     int changes() const;
     sqlite3* sqliteHandle() const { return db_; }
 
-private:
+  private:
     friend class ResultSet;
     Database(sqlite3* db, std::optional<std::string> path) : db_(db), path_(std::move(path)) {}
     sqlite3_stmt* prepare(const std::string& sql, bool& cached);
@@ -180,7 +190,7 @@ private:
 
 // Serialises all use of one connection on a serial dispatch queue.
 class DatabaseQueue {
-public:
+  public:
     struct Options {
         // Write-ahead log with synchronous=NORMAL: a commit costs no disk flush of its own, and a
         // killed process loses nothing committed (only a power cut can lose the latest commits).
@@ -208,7 +218,7 @@ public:
     // The connection itself, for set-up before anyone else uses the queue.
     Database& database() { return *db_; }
 
-private:
+  private:
     DatabaseQueue(std::unique_ptr<Database> db, std::shared_ptr<DispatchQueue> q)
         : db_(std::move(db)), queue_(std::move(q)) {}
     std::unique_ptr<Database> db_;

@@ -76,9 +76,7 @@ HttpResponse perform(const HttpRequest& req) {
         curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, req.method.c_str());
         if (!req.body.empty() || req.method == "POST" || req.method == "PUT") {
             static const char kEmpty[] = "";
-            curl_easy_setopt(
-                h, CURLOPT_POSTFIELDS,
-                req.body.empty() ? kEmpty : req.body.data());
+            curl_easy_setopt(h, CURLOPT_POSTFIELDS, req.body.empty() ? kEmpty : req.body.data());
             curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE,
                              static_cast<curl_off_t>(req.body.size()));
         }

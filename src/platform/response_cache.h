@@ -13,10 +13,12 @@
 namespace quenby::platform {
 
 class ResponseCache {
-public:
+  public:
     ResponseCache(std::shared_ptr<FileSystem> files, std::string directory, std::string prefix,
                   bool atomicWrites)
-        : files_(std::move(files)), dir_(std::move(directory)), prefix_(std::move(prefix)),
+        : files_(std::move(files)),
+          dir_(std::move(directory)),
+          prefix_(std::move(prefix)),
           atomic_(atomicWrites) {}
 
     std::string fileNameFrom(const Url& url) const { return cacheFileName(prefix_, url, ".data"); }
@@ -31,7 +33,7 @@ public:
         return data;
     }
 
-private:
+  private:
     std::shared_ptr<FileSystem> files_;
     std::string dir_, prefix_;
     bool atomic_;

@@ -71,9 +71,13 @@ std::optional<QZWAPIRequest::Json> QZWAPIRequest::parseResponse(const std::optio
     return parsed;
 }
 
-std::string QZWAPIRequest::fileNameFrom(const Url& url) const { return cache_.fileNameFrom(url); }
+std::string QZWAPIRequest::fileNameFrom(const Url& url) const {
+    return cache_.fileNameFrom(url);
+}
 
-std::string QZWAPIRequest::pathToFileForURL(const Url& url) const { return cache_.pathFor(url); }
+std::string QZWAPIRequest::pathToFileForURL(const Url& url) const {
+    return cache_.pathFor(url);
+}
 
 void QZWAPIRequest::writeToDiskFromURL(const Bytes& data, const Url& url) const {
     if (auto err = cache_.write(data, url)) {
@@ -84,6 +88,8 @@ void QZWAPIRequest::writeToDiskFromURL(const Bytes& data, const Url& url) const 
 
 std::optional<QZWAPIRequest::Bytes> QZWAPIRequest::readFromDisk(const Url& url) const {
     auto data = cache_.read(url);
-    if (data) QZWLogger::logFormat(QZWLogLevelInfo, "API Data Loaded from Cache: {}", cache_.pathFor(url));
+    if (data)
+        QZWLogger::logFormat(QZWLogLevelInfo, "API Data Loaded from Cache: {}",
+                             cache_.pathFor(url));
     return data;
 }

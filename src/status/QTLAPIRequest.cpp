@@ -47,11 +47,11 @@ void QTLAPIRequest::post(const std::optional<Url>& url, const std::string& body,
 }
 
 void QTLAPIRequest::send(HttpRequest req, const std::optional<Url>& url, Handler handler) const {
-    quenby::platform::sendTwice(*platform_->http, std::move(req),
-                                [self = *this, url, handler = std::move(handler)](HttpResponse res) {
-                                    self.processResponseData(res.body, std::move(res.error), url,
-                                                             handler);
-                                });
+    quenby::platform::sendTwice(
+        *platform_->http, std::move(req),
+        [self = *this, url, handler = std::move(handler)](HttpResponse res) {
+            self.processResponseData(res.body, std::move(res.error), url, handler);
+        });
 }
 
 void QTLAPIRequest::processResponseData(const Bytes& data, std::optional<Error> error,

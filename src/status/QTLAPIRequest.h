@@ -16,7 +16,7 @@
 inline constexpr const char* kTallylineFrameworkVersion = "1";
 
 class QTLAPIRequest {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Url = quenby::platform::Url;
     using Error = quenby::platform::Error;
@@ -43,7 +43,7 @@ public:
     void writeToDisk(const Bytes& data, const Url& url) const { cache_.write(data, url); }
     std::optional<Bytes> readFromDisk(const Url& url) const { return cache_.read(url); }
 
-private:
+  private:
     void send(quenby::platform::HttpRequest req, const std::optional<Url>& url,
               Handler handler) const;
 

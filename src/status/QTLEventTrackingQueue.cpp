@@ -11,7 +11,8 @@ std::shared_ptr<QTLEventTrackingQueue> QTLEventTrackingQueue::initWithConfig(
     auto urlText = quenby::platform::jsonString(quenby::platform::jsonMember(&config, "url"));
     auto url = urlText ? quenby::platform::Url::parse(*urlText) : std::nullopt;
     q->uploader_ = std::make_unique<QTLStatusUploader>(
-        platform, url, quenby::platform::jsonString(quenby::platform::jsonMember(&config, "token")));
+        platform, url,
+        quenby::platform::jsonString(quenby::platform::jsonMember(&config, "token")));
     q->setupQueue();
     q->registerUploadSource();
     return q;
@@ -41,7 +42,9 @@ void QTLEventTrackingQueue::registerUploadSource() {
     uploadSource_->resume();
 }
 
-void QTLEventTrackingQueue::uploadEvents() { uploadSource_->mergeData(1); }
+void QTLEventTrackingQueue::uploadEvents() {
+    uploadSource_->mergeData(1);
+}
 
 void QTLEventTrackingQueue::uploadPass() {
     auto sessions = db_->beaconSessionsToBeUploaded();

@@ -12,7 +12,7 @@
 #include "status/QTLStatusUploader.h"
 
 class QTLEventTrackingQueue : public std::enable_shared_from_this<QTLEventTrackingQueue> {
-public:
+  public:
     static constexpr const char* kQueueLabel = "com.quenby.tallyline.events";
 
     // `config`: {"url": status endpoint, "token": status API token}.
@@ -30,7 +30,7 @@ public:
     // Asks for a pass; returns at once.
     void uploadEvents();
 
-private:
+  private:
     explicit QTLEventTrackingQueue(std::shared_ptr<quenby::platform::Platform> p)
         : platform_(std::move(p)) {}
     void setupQueue();

@@ -109,7 +109,8 @@ std::optional<QTLBeaconSession> QTLStatusDatabase::sessionForBeacon(const QTLBea
     databaseQueue_->inDatabase([&](Database& db) {
         auto rs = db.executeQuery(kSession, {beacon.uuid, beacon.major, beacon.minor});
         if (rs && rs->next()) {
-            out = QTLBeaconSession::beaconSessionWithResultDictionary(beaconSessonFromResultSet(*rs));
+            out =
+                QTLBeaconSession::beaconSessionWithResultDictionary(beaconSessonFromResultSet(*rs));
         }
     });
     return out;
@@ -120,8 +121,8 @@ std::vector<QTLBeaconSession> QTLStatusDatabase::beaconSessionsToBeUploaded() {
     inTransaction([&](Database& db, bool&) {
         auto rs = db.executeQuery(kDue);
         while (rs && rs->next()) {
-            out.push_back(
-                QTLBeaconSession::beaconSessionWithResultDictionary(beaconSessonFromResultSet(*rs)));
+            out.push_back(QTLBeaconSession::beaconSessionWithResultDictionary(
+                beaconSessonFromResultSet(*rs)));
         }
     });
     return out;

@@ -23,7 +23,7 @@ struct QTLBeaconSession {
 };
 
 class QTLStatusDatabase {
-public:
+  public:
     static constexpr const char* kFileName = "Tallyline.sqlite";
     static constexpr const char* kSchema =
         "create table if not exists schema_version (version integer);create table if not exists "
@@ -59,7 +59,7 @@ public:
     // The current row as a dictionary keyed by the column-name constants.
     static quenby::platform::Json beaconSessonFromResultSet(const quenby::platform::ResultSet& rs);
 
-private:
+  private:
     QTLStatusDatabase(const quenby::platform::Platform& platform, std::optional<std::string> path);
 
     std::shared_ptr<quenby::platform::Scheduler> scheduler_;

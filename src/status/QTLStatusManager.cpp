@@ -39,7 +39,9 @@ void QTLStatusManager::rangedBeacon(const QTLBeacon& beacon) {
     bufferedUpload();
 }
 
-void QTLStatusManager::uploadEvents() { eventTracker_->uploadEvents(); }
+void QTLStatusManager::uploadEvents() {
+    eventTracker_->uploadEvents();
+}
 
 void QTLStatusManager::bufferedUpload() {
     if (isTimeToUpload()) uploadEvents();
@@ -53,7 +55,8 @@ bool QTLStatusManager::isTimeToUpload() const {
 }
 
 void QTLStatusManager::setupWatchdogQueue() {
-    if (!watchdogQueue_) watchdogQueue_ = platform_->scheduler->createSerialQueue(kWatchdogQueueLabel);
+    if (!watchdogQueue_)
+        watchdogQueue_ = platform_->scheduler->createSerialQueue(kWatchdogQueueLabel);
 }
 
 void QTLStatusManager::startUploadWatchdog() {

@@ -11,7 +11,7 @@
 #include "status/QTLStatusDatabase.h"
 
 class QTLStatusUploader {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     QTLStatusUploader(std::shared_ptr<quenby::platform::Platform> platform,
@@ -30,7 +30,7 @@ public:
     // "yyyy-MM-dd'T'HH:mm:ss'Z'" in UTC, whole seconds.
     static std::string lastSeenFormat(quenby::platform::Date d);
 
-private:
+  private:
     std::shared_ptr<quenby::platform::Platform> platform_;
     QTLAPIRequest api_;
     std::optional<quenby::platform::Url> url_;

@@ -17,8 +17,8 @@ inline constexpr const char* kUUID = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
 
 inline std::shared_ptr<const QZWBeaconRegion> beaconRegion(platform::Json major,
                                                            platform::Json minor) {
-    return std::make_shared<const QZWBeaconRegion>(platform::Json{
-        {"uuid", kUUID}, {"major", major}, {"minor", minor}, {"identifier", "r"}});
+    return std::make_shared<const QZWBeaconRegion>(
+        platform::Json{{"uuid", kUUID}, {"major", major}, {"minor", minor}, {"identifier", "r"}});
 }
 
 inline std::shared_ptr<const QZWCircle> circle(double lat, double lng, double radius,
@@ -36,7 +36,9 @@ struct AnalyticsFixture {
     VirtualPlatform vp;
     std::unique_ptr<QZWAnalytics> analytics = std::make_unique<QZWAnalytics>(vp.platform);
     std::string dbPath() const { return vp.documents.file("ZonewiseAnalytics.sqlite"); }
-    std::vector<platform::Json> rows(const std::string& sql) const { return queryRows(dbPath(), sql); }
+    std::vector<platform::Json> rows(const std::string& sql) const {
+        return queryRows(dbPath(), sql);
+    }
     double at(double secondsFromStart) const { return kTestStart + secondsFromStart; }
 };
 

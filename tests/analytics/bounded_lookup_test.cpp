@@ -17,16 +17,19 @@ namespace {
 
 // The session statements exactly as the format defines them, unbounded.
 class LiteralRecorder {
-public:
+  public:
     LiteralRecorder(VirtualPlatform& vp, const std::string& path) : vp_(vp) {
         q_ = platform::DatabaseQueue::databaseQueueWithPath(vp.scheduler(), path);
-        q_->inDatabase([](Database& db) { platform::setupVersionedSchema(db, QZWAnalyticsDatabase::kSchema); });
+        q_->inDatabase([](Database& db) {
+            platform::setupVersionedSchema(db, QZWAnalyticsDatabase::kSchema);
+        });
     }
     void open(int major) {
         q_->inTransaction([&](Database& db, bool&) {
-            db.executeUpdate("insert into region_sessions (entered_at, region_uuid, region_major, "
-                             "region_minor) VALUES (?, ?, ?, ?);",
-                             {vp_.platform->scheduler->now(), kUUID, major, nullptr});
+            db.executeUpdate(
+                "insert into region_sessions (entered_at, region_uuid, region_major, "
+                "region_minor) VALUES (?, ?, ?, ?);",
+                {vp_.platform->scheduler->now(), kUUID, major, nullptr});
         });
     }
     void close(int major) {
@@ -50,24 +53,27 @@ public:
                 while (rs && rs->next()) rows.push_back(rs->longLongIntForColumnIndex(0));
                 rs.reset();
                 for (auto r : rows) {
-                    db.executeUpdate("update beacon_sessions set last_detected_at = ? where id = ?;",
-                                     {vp_.platform->scheduler->now(), r});
+                    db.executeUpdate(
+                        "update beacon_sessions set last_detected_at = ? where id = ?;",
+                        {vp_.platform->scheduler->now(), r});
                 }
                 if (rows.empty()) {
-                    db.executeUpdate("insert into beacon_sessions (region_session_id, "
-                                     "first_detected_at, beacon_uuid, beacon_major, beacon_minor) "
-                                     "VALUES (?, ?, ?, ?, ?);",
-                                     {*id, vp_.platform->scheduler->now(), kUUID, major, minor});
+                    db.executeUpdate(
+                        "insert into beacon_sessions (region_session_id, "
+                        "first_detected_at, beacon_uuid, beacon_major, beacon_minor) "
+                        "VALUES (?, ?, ?, ?, ?);",
+                        {*id, vp_.platform->scheduler->now(), kUUID, major, minor});
                 }
             }
         });
     }
 
-private:
+  private:
     std::optional<std::int32_t> find(Database& db, int major) {
         auto rs = db.executeQuery(
             "select id from region_sessions where entered_at is not null and exited_at is null and "
-            "region_uuid = ? and region_major = ? and region_minor is null order by entered_at desc;",
+            "region_uuid = ? and region_major = ? and region_minor is null order by entered_at "
+            "desc;",
             {kUUID, major});
         if (rs && rs->next()) return rs->intForColumnIndex(0);
         return std::nullopt;

@@ -15,9 +15,11 @@ int main(int argc, char** argv) {
     o.bundleDirectory = argv[1];
     o.clock = std::make_shared<platform::VirtualClock>(
         platform::Date::fromSecondsSince1970(test::kTestStart));
-    o.device = std::make_shared<platform::FixedDeviceInfo>(platform::UUID::parse(test::kTestVendorId));
+    o.device =
+        std::make_shared<platform::FixedDeviceInfo>(platform::UUID::parse(test::kTestVendorId));
     auto p = platform::Platform::create(o);
-    QZWConfiguration::sharedConfiguration(*p).configureWithDictionary({{"ZWAnalyticsURL", argv[2]}});
+    QZWConfiguration::sharedConfiguration(*p).configureWithDictionary(
+        {{"ZWAnalyticsURL", argv[2]}});
     QZWAnalytics analytics(p);
     auto region = test::beaconRegion(1, 2);
     analytics.openSessionWithRegion(region.get());

@@ -46,7 +46,8 @@ TEST(QZWAnalyticsUpload, AProcessKilledDuringThePostLosesNothingAndTheRowsGoAgai
 
     // The next host on the same files sends the same rows again, then stamps them.
     server.on("POST", "/analytics", Reply{200, "{}"});
-    QZWConfiguration::sharedConfiguration(*vp.platform).configureWithDictionary({{"ZWAnalyticsURL", url}});
+    QZWConfiguration::sharedConfiguration(*vp.platform)
+        .configureWithDictionary({{"ZWAnalyticsURL", url}});
     QZWAnalytics analytics(vp.platform);
     analytics.uploadAnalyticsToServer();
     auto posts = server.requestsTo("/analytics");

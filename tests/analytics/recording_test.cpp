@@ -131,11 +131,12 @@ TEST(QZWAnalytics, SessionMatchingRulesAndTheirKeptQuirks) {
 
 TEST(QZWAnalytics, EventDetailsRoundTripLosslesslyAndDatesFormatWithoutFraction) {
     AnalyticsFixture f;
-    Json details = {{"kit_id", 17},
-                    {"campaign_id", "c-1"},
-                    {"nested", {{"list", {1, 2.5, "three", nullptr, true}}, {"empty", Json::object()}}},
-                    {"unicode", "Zürich ☕"},
-                    {"big", 9007199254740993LL}};
+    Json details = {
+        {"kit_id", 17},
+        {"campaign_id", "c-1"},
+        {"nested", {{"list", {1, 2.5, "three", nullptr, true}}, {"empty", Json::object()}}},
+        {"unicode", "Zürich ☕"},
+        {"big", 9007199254740993LL}};
     f.analytics->addEventWithDetails("lurewave_events", details);
     auto rows = f.rows("select * from events");
     ASSERT_EQ(rows.size(), 1u);

@@ -45,8 +45,10 @@ struct UploadFixture : AnalyticsFixture {
         analytics->openSessionWithRegion(circle(40.0, -75.0, 30).get());
         vp.scheduler().advanceBy(60);
         analytics->closeSessionWithRegion(circle(40.0, -75.0, 30).get());
-        analytics->addEventWithDetails("lurewave_events", {{"event_type", "found"}, {"campaign_id", "c1"}});
-        analytics->addEventWithDetails("lurewave_events", {{"event_type", "viewed"}, {"triggered_at", "x"}});
+        analytics->addEventWithDetails("lurewave_events",
+                                       {{"event_type", "found"}, {"campaign_id", "c1"}});
+        analytics->addEventWithDetails("lurewave_events",
+                                       {{"event_type", "viewed"}, {"triggered_at", "x"}});
         analytics->addEventWithDetails("app_id", {{"shadowed", true}});
     }
 };
@@ -66,39 +68,40 @@ TEST(QZWAnalyticsUpload, SendsOneDocumentWithTheLayersHeadersThenStampsTheRows) 
     EXPECT_EQ(requests[0].header("Accept"), "application/json");
 
     Json doc = Json::parse(requests[0].body);
-    Json expected = {
-        {"lurewave_events",
-         {{{"event_type", "found"}, {"campaign_id", "c1"}, {"triggered_at", "2026-03-01T09:01:03Z"}},
-          {{"event_type", "viewed"}, {"triggered_at", "2026-03-01T09:01:03Z"}}}},
-        {"app_id", kTestVendorId},
-        {"partner_id", "partner-7"},
-        {"zonewise_events",
-         {{{"kit_id", "17"},
-           {"region_sessions",
-            {{{"id", 1},
-              {"region_uuid", kUUID},
-              {"region_major", 1},
-              {"region_minor", 2},
-              {"entered_at", "2026-03-01T09:00:00Z"},
-              {"exited_at", "2026-03-01T09:00:03Z"},
-              {"beacon_sessions",
-               {{{"beacon_uuid", kUUID},
-                 {"beacon_major", 1},
-                 {"beacon_minor", 2},
-                 {"first_detected_at", "2026-03-01T09:00:02Z"},
-                 {"last_detected_at", "2026-03-01T09:00:03Z"}},
-                {{"beacon_uuid", kUUID},
-                 {"beacon_major", 1},
-                 {"beacon_minor", 5},
-                 {"first_detected_at", "2026-03-01T09:00:02Z"}}}}}}},
-           {"geo_region_sessions",
-            {{{"id", 1},
-              {"region_id", "fence-1"},
-              {"latitude", 40.0},
-              {"longitude", -75.0},
-              {"radius", 30.0},
-              {"entered_at", "2026-03-01T09:00:03Z"},
-              {"exited_at", "2026-03-01T09:01:03Z"}}}}}}}};
+    Json expected = {{"lurewave_events",
+                      {{{"event_type", "found"},
+                        {"campaign_id", "c1"},
+                        {"triggered_at", "2026-03-01T09:01:03Z"}},
+                       {{"event_type", "viewed"}, {"triggered_at", "2026-03-01T09:01:03Z"}}}},
+                     {"app_id", kTestVendorId},
+                     {"partner_id", "partner-7"},
+                     {"zonewise_events",
+                      {{{"kit_id", "17"},
+                        {"region_sessions",
+                         {{{"id", 1},
+                           {"region_uuid", kUUID},
+                           {"region_major", 1},
+                           {"region_minor", 2},
+                           {"entered_at", "2026-03-01T09:00:00Z"},
+                           {"exited_at", "2026-03-01T09:00:03Z"},
+                           {"beacon_sessions",
+                            {{{"beacon_uuid", kUUID},
+                              {"beacon_major", 1},
+                              {"beacon_minor", 2},
+                              {"first_detected_at", "2026-03-01T09:00:02Z"},
+                              {"last_detected_at", "2026-03-01T09:00:03Z"}},
+                             {{"beacon_uuid", kUUID},
+                              {"beacon_major", 1},
+                              {"beacon_minor", 5},
+                              {"first_detected_at", "2026-03-01T09:00:02Z"}}}}}}},
+                        {"geo_region_sessions",
+                         {{{"id", 1},
+                           {"region_id", "fence-1"},
+                           {"latitude", 40.0},
+                           {"longitude", -75.0},
+                           {"radius", 30.0},
+                           {"entered_at", "2026-03-01T09:00:03Z"},
+                           {"exited_at", "2026-03-01T09:01:03Z"}}}}}}}};
     EXPECT_EQ(doc, expected);
 
     EXPECT_EQ(f.rows("select * from region_sessions where uploaded_at is not null").size(), 1u);
@@ -163,8 +166,9 @@ TEST(QZWAnalyticsUpload, OnlyEventsStillCarryTheZonewiseEntryAndKitIdNeedsAKitUr
     f.analytics->addEventWithDetails("t", Json::object());
     f.analytics->uploadAnalyticsToServer();
     auto doc = f.posted().at(0);
-    EXPECT_EQ(doc["zonewise_events"],
-              Json::array({{{"region_sessions", Json::array()}, {"geo_region_sessions", Json::array()}}}));
+    EXPECT_EQ(doc["zonewise_events"], Json::array({{{"region_sessions", Json::array()},
+                                                    {"geo_region_sessions", Json::array()}}}));
     EXPECT_EQ(doc["t"], Json::array({{{"triggered_at", "2026-03-01T09:00:00Z"}}}));
-    EXPECT_EQ(f.server.requestsTo("/analytics")[0].header("AUTHORIZATION"), "Token token=\"(null)\"");
+    EXPECT_EQ(f.server.requestsTo("/analytics")[0].header("AUTHORIZATION"),
+              "Token token=\"(null)\"");
 }

@@ -174,7 +174,8 @@ TEST(Dates, UtcTextMatchesTheCLibraryAcrossCenturiesAndDropsTheFraction) {
         std::strftime(want, sizeof want, "%Y-%m-%dT%H:%M:%SZ", &tm);
         EXPECT_EQ(formatUTC(Date::fromSecondsSince1970(t)), want) << t;
     }
-    EXPECT_EQ(formatUTC(Date::fromSecondsSince1970(1416018456.7891), true), "2014-11-15T02:27:36.789Z");
+    EXPECT_EQ(formatUTC(Date::fromSecondsSince1970(1416018456.7891), true),
+              "2014-11-15T02:27:36.789Z");
     EXPECT_EQ(formatUTC(Date::distantPast()), "0001-01-01T00:00:00Z");
     EXPECT_EQ(formatUTC(Date::distantFuture()), "4001-01-01T00:00:00Z");
 }

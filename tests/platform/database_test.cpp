@@ -25,8 +25,9 @@ TEST(Database, BindsEveryKindAndReadsRowsByIndexAndName) {
         std::optional<int> none;
         ASSERT_TRUE(db.executeUpdate("insert into t values (?, ?, ?, ?, ?, ?)",
                                      {42, 1.5, "héllo", Bytes{0, 1, 2}, none, when}));
-        ASSERT_TRUE(db.executeUpdate("insert into t values (?, ?, ?, ?, ?, ?)",
-                                     {Number(7.0), Json(3), Json("j"), nullptr, Json(), Json(true)}));
+        ASSERT_TRUE(
+            db.executeUpdate("insert into t values (?, ?, ?, ?, ?, ?)",
+                             {Number(7.0), Json(3), Json("j"), nullptr, Json(), Json(true)}));
         auto rs = db.executeQuery("select * from t order by rowid");
         ASSERT_TRUE(rs && rs->next());
         EXPECT_EQ(rs->intForColumn("I"), 42) << "names compare without regard to case";
@@ -71,7 +72,8 @@ TEST(Database, TwoQueuesOnOneFileLoseNoRows) {
     std::string path = vp.documents.file("shared.sqlite");
     auto a = DatabaseQueue::databaseQueueWithPath(vp.scheduler(), path);
     auto b = DatabaseQueue::databaseQueueWithPath(vp.scheduler(), path);
-    a->inDatabase([](Database& db) { db.executeStatements("create table t (who text, n integer);"); });
+    a->inDatabase(
+        [](Database& db) { db.executeStatements("create table t (who text, n integer);"); });
     auto writer = [](std::shared_ptr<DatabaseQueue> q, const char* who) {
         for (int i = 0; i < 300; ++i) {
             q->inTransaction([&](Database& db, bool&) {
@@ -109,19 +111,23 @@ TEST(Database, LockedPastTheBusyTimeoutCorruptOrUnopenableFailsWithClearLogLines
     EXPECT_TRUE(console.contains("DB Path: " + path));
     sqlite3_exec(other, "rollback", nullptr, nullptr, nullptr);
     sqlite3_close(other);
-    q->inTransaction([&](Database& db, bool&) { ran = db.executeUpdate("insert into t values (1)"); });
+    q->inTransaction(
+        [&](Database& db, bool&) { ran = db.executeUpdate("insert into t values (1)"); });
     EXPECT_TRUE(ran) << "usable again once the lock is gone";
 
     console.clear();
     test::writeFile(vp.documents.file("corrupt.sqlite"), std::string(4096, 'x'));
-    auto c = DatabaseQueue::databaseQueueWithPath(vp.scheduler(), vp.documents.file("corrupt.sqlite"));
+    auto c =
+        DatabaseQueue::databaseQueueWithPath(vp.scheduler(), vp.documents.file("corrupt.sqlite"));
     ASSERT_TRUE(c) << "SQLite opens lazily";
-    c->inDatabase([](Database& db) { setupVersionedSchema(db, "create table if not exists t (x);"); });
+    c->inDatabase(
+        [](Database& db) { setupVersionedSchema(db, "create table if not exists t (x);"); });
     EXPECT_TRUE(console.contains("Woah, SQL failed!"));
     EXPECT_TRUE(console.contains("DB Error: 26 \"file is not a database\""));
 
     console.clear();
-    EXPECT_FALSE(DatabaseQueue::databaseQueueWithPath(vp.scheduler(), vp.documents.file("no/dir/x")));
+    EXPECT_FALSE(
+        DatabaseQueue::databaseQueueWithPath(vp.scheduler(), vp.documents.file("no/dir/x")));
     EXPECT_TRUE(console.contains("Could not create database queue for path " +
                                  vp.documents.file("no/dir/x")));
 }
@@ -145,9 +151,12 @@ TEST(Database, ReadOnlyFileFailsEveryWriteWithAClearLogLine) {
         auto q = DatabaseQueue::databaseQueueWithPath(vp.scheduler(), path);
         if (!q) _exit(4);
         bool wrote = true;
-        q->inTransaction([&](Database& db, bool&) { wrote = db.executeUpdate("insert into t values (1)"); });
-        q->inDatabase([&](Database& db) { wrote = wrote && db.executeUpdate("insert into t values (2)"); });
-        bool logged = !console.withPrefix("DB Error: 8 \"attempt to write a readonly database\"").empty();
+        q->inTransaction(
+            [&](Database& db, bool&) { wrote = db.executeUpdate("insert into t values (1)"); });
+        q->inDatabase(
+            [&](Database& db) { wrote = wrote && db.executeUpdate("insert into t values (2)"); });
+        bool logged =
+            !console.withPrefix("DB Error: 8 \"attempt to write a readonly database\"").empty();
         _exit(!wrote && logged ? 0 : 1);
     }
     int status = 0;

@@ -19,11 +19,17 @@ using platform::Number;
 namespace {
 
 const char* kU = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
-QTLBeacon b(int major, int minor) { return QTLBeacon::beaconWithUUID(kU, major, minor); }
+QTLBeacon b(int major, int minor) {
+    return QTLBeacon::beaconWithUUID(kU, major, minor);
+}
 
-std::string dbPath(VirtualPlatform& vp) { return vp.documents.file("Tallyline.sqlite"); }
+std::string dbPath(VirtualPlatform& vp) {
+    return vp.documents.file("Tallyline.sqlite");
+}
 
-Json config(const std::string& url) { return {{"url", url}, {"token", "st"}}; }
+Json config(const std::string& url) {
+    return {{"url", url}, {"token", "st"}};
+}
 
 }  // namespace
 
@@ -77,10 +83,11 @@ TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
     EXPECT_FALSE(up.sendEvents(db.beaconSessionsToBeUploaded())) << "any status is a success";
     auto got = server.requests();
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(Json::parse(got[0].body),
-              Json({{"beacon_status_events",
-                     {{{"uuid", kU}, {"major", 1}, {"minor", 2}, {"last_seen", "2026-03-01T09:00:00Z"}}}},
-                    {"app_id", kTestVendorId}}));
+    EXPECT_EQ(
+        Json::parse(got[0].body),
+        Json({{"beacon_status_events",
+               {{{"uuid", kU}, {"major", 1}, {"minor", 2}, {"last_seen", "2026-03-01T09:00:00Z"}}}},
+              {"app_id", kTestVendorId}}));
     EXPECT_EQ(got[0].header("AUTHORIZATION"), "Token token=\"st\"");
     EXPECT_EQ(got[0].header("X-TL-AppID"), kTestVendorId);
     EXPECT_EQ(got[0].header("X-TL-FrameworkVersion"), "1");
@@ -88,7 +95,8 @@ TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
     EXPECT_EQ(got[0].header("Content-Type"), "application/json");
 
     VirtualPlatform anonymous("");
-    QTLStatusUploader anon(anonymous.platform, platform::Url::parse(server.url("/sdk/v1/events")), "st");
+    QTLStatusUploader anon(anonymous.platform, platform::Url::parse(server.url("/sdk/v1/events")),
+                           "st");
     EXPECT_FALSE(anon.buildBodyWithEvents({}).contains("app_id"));
     anon.sendEvents(db.beaconSessionsToBeUploaded());
     EXPECT_FALSE(server.requests().back().hasHeader("X-TL-AppID"));
@@ -98,8 +106,8 @@ TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
     EXPECT_FALSE(nowhere.sendEvents(db.beaconSessionsToBeUploaded()));
     EXPECT_TRUE(console.contains("No QTLStatusURL set, skipping upload"));
     QTLStatusUploader down(
-        vp.platform, platform::Url::parse("http://127.0.0.1:" + std::to_string(refusedPort()) + "/x"),
-        "st");
+        vp.platform,
+        platform::Url::parse("http://127.0.0.1:" + std::to_string(refusedPort()) + "/x"), "st");
     EXPECT_TRUE(down.sendEvents(db.beaconSessionsToBeUploaded()));
 }
 
@@ -149,10 +157,12 @@ TEST(QTLStatusManager, WatchdogUploadsWhenStrictlyMoreThanTheThresholdHasPassed)
     vp.scheduler().advanceBy(30);  // tick at 60
     auto got = server.requestsTo("/events");
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(Json::parse(got[0].body)["beacon_status_events"][0]["last_seen"], "2026-03-01T09:00:10Z");
+    EXPECT_EQ(Json::parse(got[0].body)["beacon_status_events"][0]["last_seen"],
+              "2026-03-01T09:00:10Z");
     EXPECT_EQ(m->eventTracker().lastSuccessfulUpload()->timeIntervalSince1970(), kTestStart + 60);
-    EXPECT_EQ(queryRows(dbPath(vp), "select * from beacon_sessions where uploaded_at is null").size(),
-              0u);
+    EXPECT_EQ(
+        queryRows(dbPath(vp), "select * from beacon_sessions where uploaded_at is null").size(),
+        0u);
 
     // Once the manager is gone its ticks do nothing.
     std::weak_ptr<QTLStatusManager> weak = m;
