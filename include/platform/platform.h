@@ -12,6 +12,7 @@
 #include "platform/device.h"
 #include "platform/files.h"
 #include "platform/http.h"
+#include "platform/location_manager.h"
 #include "platform/scheduler.h"
 
 namespace quenby::platform {
@@ -21,6 +22,8 @@ struct Platform {
     std::shared_ptr<HttpClient> http;
     std::shared_ptr<FileSystem> files;
     std::shared_ptr<DeviceInfo> device;
+    // Region monitoring and ranging; fed by the host (see LocationService).
+    std::shared_ptr<LocationService> location;
     // Where databases, caches and the state file live. Exists once the platform is made.
     std::string documentsDirectory;
     // The host application's bundle (configuration files, "Info.plist").
@@ -42,6 +45,8 @@ struct Platform {
         std::shared_ptr<HttpClient> http;
         std::shared_ptr<FileSystem> files;
         std::shared_ptr<DeviceInfo> device;
+        // Default: a service fed by the host, with "authorized always".
+        std::shared_ptr<LocationService> location;
     };
 
     // Fills what the options leave out with the Linux defaults. The calling thread becomes the

@@ -137,12 +137,16 @@ class QZWMap {
     std::vector<std::shared_ptr<const QZWCircle>> overlays_;
 };
 
+class QZWBeaconIndex;
+
 class QZWKit {
   public:
     // Reads "id", "name", "status_url" and "status_token" and keeps the whole object; map and
     // beacon regions are set by the deserializer. A null dictionary makes a kit with no fields.
     explicit QZWKit(const quenby::platform::Json* dict);
     ~QZWKit();
+    QZWKit(const QZWKit&) = delete;
+    QZWKit& operator=(const QZWKit&) = delete;
 
     std::int64_t id() const { return id_; }
     const std::optional<std::string>& name() const { return name_; }
@@ -181,4 +185,6 @@ class QZWKit {
     std::vector<std::shared_ptr<const QZWBeaconRegion>> beaconRegions_;
     std::shared_ptr<const QZWMap> map_;
     quenby::platform::Json json_;
+    // The "ibeacons" entries of json_, indexed once when the kit is built.
+    std::unique_ptr<const QZWBeaconIndex> index_;
 };

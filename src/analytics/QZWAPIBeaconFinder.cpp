@@ -1,5 +1,7 @@
 #include "analytics/QZWAPIBeaconFinder.h"
 
+#include "analytics/QZWBeaconIndex.h"
+
 using quenby::platform::Json;
 using quenby::platform::jsonIntValue;
 using quenby::platform::jsonMember;
@@ -91,19 +93,7 @@ Json QZWAPIBeaconFinder::findAttrsForUUIDMajorMinorIn(const UUID& uuid, const Op
             }
         }
     }
-    Json result = {{"name", ""}, {"identifier", ""}, {"attributes", Json::object()}};
-    for (const Json* level : {uuidLevel, majorLevel, exact}) {
-        if (!level) continue;
-        const Json* attrs = jsonMember(level, "attributes");
-        if (attrs && attrs->is_object()) {
-            for (const auto& [k, v] : attrs->items()) result["attributes"][k] = v;
-        }
-        for (const char* key : {"name", "identifier"}) {
-            const Json* v = jsonMember(level, key);
-            result[key] = v ? *v : Json();
-        }
-    }
-    return result;
+    return mergeBeaconLevels(uuidLevel, majorLevel, exact);
 }
 
 std::shared_ptr<const QZWBeaconRegion> QZWAPIBeaconFinder::findIBeaconRegionForCLBeaconRegionIn(

@@ -1,6 +1,6 @@
 #include "proximity/QZWKit.h"
 
-#include "analytics/QZWAPIBeaconFinder.h"
+#include "analytics/QZWBeaconIndex.h"
 
 using quenby::platform::Beacon;
 using quenby::platform::BeaconRegion;
@@ -184,13 +184,17 @@ QZWMap::QZWMap(const Json& dict) {
 }
 
 QZWKit::QZWKit(const Json* dict) {
-    if (!dict || !dict->is_object()) return;
+    if (!dict || !dict->is_object()) {
+        index_ = std::make_unique<const QZWBeaconIndex>(json_);
+        return;
+    }
     // The format carries a 32-bit id: wider values keep their low 32 bits.
     id_ = jsonIntValue(jsonMember(dict, "id"));
     name_ = jsonString(jsonMember(dict, "name"));
     statusURL_ = jsonString(jsonMember(dict, "status_url"));
     statusToken_ = jsonString(jsonMember(dict, "status_token"));
     json_ = *dict;
+    index_ = std::make_unique<const QZWBeaconIndex>(json_);
 }
 
 QZWKit::~QZWKit() = default;
@@ -210,11 +214,15 @@ std::shared_ptr<const QZWRegion> QZWKit::getRegionForIdentifier(
 
 std::shared_ptr<const QZWBeaconRegion> QZWKit::getIBeaconRegionForCLBeaconRegion(
     const std::shared_ptr<const BeaconRegion>& region) const {
-    return QZWAPIBeaconFinder::findIBeaconRegionForCLBeaconRegionIn(region, json_);
+    // A region without a major (or minor) is looked up with 0, as the walk compares it.
+    Json dict = index_->findAttrs(region->proximityUUID(), region->major().value_or(0),
+                                  region->minor().value_or(0));
+    return std::make_shared<const QZWBeaconRegion>(region, &dict);
 }
 
 std::shared_ptr<const QZWBeacon> QZWKit::getIBeaconForCLBeacon(const Beacon& beacon) const {
-    return QZWAPIBeaconFinder::findIBeaconForCLBeaconIn(beacon, json_);
+    Json dict = index_->findAttrs(beacon.proximityUUID, beacon.major, beacon.minor);
+    return std::make_shared<const QZWBeacon>(beacon, &dict);
 }
 
 void QZWKit::enumerateIBeaconsUsingBlock(
