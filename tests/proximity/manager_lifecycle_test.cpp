@@ -1,0 +1,225 @@
+// The manager's lifecycle and its failure paths, end to end.
+#include <gtest/gtest.h>
+
+#include "platform/plist.h"
+#include "proximity/QZWLogger.h"
+#include "proximity/manager_fixture.h"
+
+using namespace quenby;
+using namespace quenby::test;
+using platform::Json;
+
+TEST(QZWManagerLifecycle, ServerDownUsesTheCacheRetriesEveryThirtySecondsThenHourly) {
+    ManagerFixture f(false);
+    // A kit cached by an earlier run; the server answers nothing useful (empty bodies).
+    writeFile(f.vp.documents.file("zonewise-api-kits-17.data"), sampleKit(f.server).dump());
+    f.server.on("GET", "/api/kits/17", Reply{200, ""});
+    f.create();
+    ASSERT_TRUE(f.manager->kit()) << "loaded from the cache at creation";
+    EXPECT_TRUE(f.calls().empty()) << "but not registered before start";
+
+    std::vector<int> results;
+    std::mutex mu;
+    f.manager->syncWithCompletionHandler([&](int r) {
+        std::lock_guard lk(mu);
+        results.push_back(r);
+    });
+    f.scheduler().settle();
+    f.manager->start();
+    f.manager->start();  // a second start does nothing: one sync, one timer
+    f.scheduler().settle();
+    EXPECT_EQ(f.kitRequests(), 4u);
+    EXPECT_EQ(f.recorder->events(),
+              (std::vector<std::string>{"didFail Zonewise 204", "didFail Zonewise 204"}));
+    EXPECT_EQ(f.calls().size(), 6u) << "the cached kit is applied and registered anyway";
+    EXPECT_FALSE(f.manager->lastSuccessfulSync());
+
+    f.scheduler().advanceBy(30);
+    EXPECT_EQ(f.kitRequests(), 6u) << "one timer, retrying every tick while syncs fail";
+    f.scheduler().advanceBy(30);
+    EXPECT_EQ(f.kitRequests(), 8u);
+
+    // The server is back: one sync, then none for an hour.
+    f.serveKit(sampleKit(f.server));
+    f.scheduler().advanceBy(30);  // t = 90
+    EXPECT_EQ(f.kitRequests(), 10u);
+    ASSERT_TRUE(f.manager->lastSuccessfulSync());
+    EXPECT_EQ(f.recorder->events().back(), "didSync");
+    f.scheduler().advanceBy(59 * 60);  // 59 minutes later: no sync
+    EXPECT_EQ(f.kitRequests(), 10u);
+    f.scheduler().advanceBy(2 * 60 + 30);  // past 61 minutes
+    EXPECT_EQ(f.kitRequests(), 12u);
+    std::lock_guard lk(mu);
+    ASSERT_GE(results.size(), 5u) << "the stored handler runs at the end of every later sync";
+    EXPECT_EQ(results[0], 2);
+    EXPECT_EQ(results.back(), 0);
+}
+
+TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop) {
+    ManagerFixture f;
+    f.location().setAuthorizationStatus(2);  // denied
+    f.create();
+    f.manager->start();
+    f.scheduler().settle();
+    EXPECT_EQ(f.recorder->events(),
+              (std::vector<std::string>{"didFail Zonewise 523", "didSync"}));
+    EXPECT_TRUE(f.calls().empty());
+
+    // A grant alone registers nothing; the next kit build does.
+    f.location().deliverAuthorizationChange(3);
+    EXPECT_TRUE(f.calls().empty());
+    f.manager->sync();
+    f.scheduler().settle();
+    EXPECT_EQ(f.location().monitoredRegions().size(), 3u);
+
+    // Stopping without authorization leaves the regions in place.
+    f.location().setAuthorizationStatus(4);
+    f.recorder->clear();
+    f.manager->stop();
+    EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didFail Zonewise 523"}));
+    EXPECT_EQ(f.location().monitoredRegions().size(), 3u);
+
+    // Monitoring unavailable: 522, nothing registered. Not determined: "always" is asked for.
+    auto caps = f.location().capabilities();
+    caps.monitoringAvailable = false;
+    f.location().setCapabilities(caps);
+    f.location().setAuthorizationStatus(3);
+    f.recorder->clear();
+    f.manager->start();
+    f.scheduler().settle();
+    EXPECT_EQ(f.recorder->events(),
+              (std::vector<std::string>{"didFail Zonewise 522", "didSync"}));
+    caps.monitoringAvailable = true;
+    f.location().setCapabilities(caps);
+    f.location().setAuthorizationStatus(0);
+    f.location().clearCalls();
+    f.manager->stop();
+    EXPECT_EQ(f.calls().front(), "requestAlwaysAuthorization");
+    EXPECT_EQ(f.location().monitoredRegions().size(), 0u) << "stop clears every monitored region";
+}
+
+TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEverythingFirst) {
+    struct Second : platform::LocationManagerDelegate {
+        std::vector<std::string> heard;
+        std::optional<bool> calibration;
+        void locationManagerDidEnterRegion(platform::LocationManager&,
+                                           const std::shared_ptr<const platform::Region>& r) override {
+            heard.push_back("enter " + r->identifier());
+        }
+        void locationManagerRangingBeaconsDidFailForRegionWithError(
+            platform::LocationManager&, const std::shared_ptr<const platform::BeaconRegion>&,
+            const platform::Error& e) override {
+            heard.push_back("rangingFailed " + std::to_string(e.code));
+        }
+        void locationManagerDidFailWithError(platform::LocationManager*,
+                                             const platform::Error& e) override {
+            heard.push_back("failed " + std::to_string(e.code));
+        }
+        std::optional<bool> locationManagerShouldDisplayHeadingCalibration(
+            platform::LocationManager&) override {
+            return calibration;
+        }
+    };
+    ManagerFixture f;
+    f.create();
+    f.manager->start();
+    f.scheduler().settle();
+    f.recorder->clear();
+    EXPECT_EQ(f.manager->locationManagerShouldDisplayHeadingCalibration(*f.manager->locationManager()),
+              false)
+        << "nobody answers: false";
+
+    auto second = std::make_shared<Second>();
+    second->calibration = true;
+    f.manager->setLocationManagerDelegate(second);
+    EXPECT_EQ(f.manager->locationManagerShouldDisplayHeadingCalibration(*f.manager->locationManager()),
+              true);
+    f.location().deliverEnter(std::make_shared<const platform::CircularRegion>(1, 2, 3, "host-fence"));
+    EXPECT_TRUE(f.recorder->events().empty()) << "not a kit region: no delegate call, no notification";
+
+    LogLevelGuard level(QZWLogLevelError);
+    ConsoleCapture console;
+    auto door = ManagerFixture::beaconRegion(1, 1, "door");
+    f.location().deliverRangingFailure(door, {"kCLErrorDomain", 16, "ranging unavailable"});
+    f.location().deliverFailure({"kCLErrorDomain", 1, "denied"});
+    EXPECT_EQ(second->heard, (std::vector<std::string>{"enter host-fence", "rangingFailed 16", "failed 1"}));
+    EXPECT_TRUE(console.contains("Zonewise[Error] Ranging Beacons Failed with Error: Error "
+                                 "Domain=kCLErrorDomain Code=16 \"ranging unavailable\""));
+    EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didFail kCLErrorDomain 1"}));
+
+    EXPECT_EQ(f.manager->getLat(), "0.000000");
+    f.location().deliverLocations({{40.7128, -74.006}});
+    EXPECT_EQ(f.manager->getLat(), "40.712800");
+    EXPECT_EQ(f.manager->getLng(), "-74.006000");
+}
+
+TEST(QZWManagerLifecycle, LargeKitsRegisterGenericRegionsAndEveryBuildTearsDownFirst) {
+    ManagerFixture f(false);
+    Json kit = sampleKit(f.server);
+    Json& list = kit["kit"]["ibeacons"];
+    for (int i = 0; i < 20; ++i) {
+        list.push_back({{"uuid", i % 2 ? kBeaconUUID : "5A4BCFCE-174E-4BAC-A814-092E77F6B7E5"},
+                        {"major", 2},
+                        {"minor", i},
+                        {"identifier", "b" + std::to_string(i)}});
+    }
+    kit["kit"].erase("status_token");  // a status URL without a token: no status manager
+    f.serveKit(kit);
+    LogLevelGuard level(QZWLogLevelDebug);
+    ConsoleCapture console;
+    f.create();
+    f.manager->start();
+    f.scheduler().settle();
+    EXPECT_FALSE(f.manager->statusManager());
+    std::vector<std::string> first = {"startMonitoringForRegion fence-1",
+                                      "requestStateForRegion fence-1",
+                                      "startMonitoringForRegion zw-ibeacon-region-0",
+                                      "startMonitoringForRegion zw-ibeacon-region-1",
+                                      "startRangingBeaconsInRegion zw-ibeacon-region-0",
+                                      "startRangingBeaconsInRegion zw-ibeacon-region-1"};
+    EXPECT_EQ(f.calls(), first);
+    EXPECT_TRUE(console.contains("Zonewise[Debug] Monitoring Geofence Circle Car park"));
+    EXPECT_TRUE(console.contains(std::string("Zonewise[Debug] Start Ranging For UUID ") + kBeaconUUID));
+
+    // A ranging report in a generic region still finds each beacon's own entry.
+    f.recorder->clear();
+    auto generic = std::make_shared<const platform::BeaconRegion>(
+        *platform::UUID::parse(kBeaconUUID), std::nullopt, std::nullopt, "zw-ibeacon-region-0");
+    f.location().deliverRanging(generic, {ManagerFixture::beacon(1, 1)});
+    EXPECT_EQ(f.recorder->events().front(), "didRange store: Door beacon");
+
+    // A sync rebuilds everything, stopping what is registered first (the host's regions too).
+    f.location().clearCalls();
+    f.manager->locationManager()->startMonitoringForRegion(
+        std::make_shared<const platform::CircularRegion>(0, 0, 10, "host-fence"));
+    f.location().clearCalls();
+    f.manager->sync();
+    f.scheduler().settle();
+    std::vector<std::string> rebuild = {"stopMonitoringForRegion fence-1",
+                                        "stopMonitoringForRegion zw-ibeacon-region-0",
+                                        "stopMonitoringForRegion zw-ibeacon-region-1",
+                                        "stopMonitoringForRegion host-fence",
+                                        "stopRangingBeaconsInRegion zw-ibeacon-region-0",
+                                        "stopRangingBeaconsInRegion zw-ibeacon-region-1"};
+    rebuild.insert(rebuild.end(), first.begin(), first.end());
+    EXPECT_EQ(f.calls(), rebuild);
+}
+
+TEST(QZWManagerLifecycle, MissingLocationUsageDeclarationStopsCreation) {
+    VirtualPlatform vp;
+    try {
+        QZWManager::manager(vp.platform);
+        FAIL() << "created without a location-usage declaration";
+    } catch (const QZWException& e) {
+        EXPECT_EQ(e.name(), "Missing info.plist key");
+        EXPECT_EQ(e.reason(),
+                  "You must add either the NSLocationAlwaysUsageDescription or "
+                  "NSLocationWhenInUseUsageDescription keys to your info.plist file.");
+    }
+    // The library's own bundle may declare it.
+    TempDir lib;
+    writeFile(lib.file("Info.plist"),
+              platform::toXmlPropertyList({{"NSLocationWhenInUseUsageDescription", "x"}}));
+    vp.platform->libraryBundle = platform::Bundle(lib.path());
+    EXPECT_TRUE(QZWManager::manager(vp.platform));
+}
