@@ -1,5 +1,6 @@
-// Storage benchmarks: what one ranging report and one large upload cycle cost through the library,
-// next to the floor of the same SQLite work done with raw prepared statements.
+// The library's benchmarks (this file has the storage cases and main; manager_bench.cpp the kit
+// and manager cases). Storage: what one ranging report and one large upload cycle cost through
+// the library, next to the floor of the same SQLite work done with raw prepared statements.
 //
 //   (a) one ranging report of 30 beacons recorded by both layers (analytics session rows and
 //       status sightings), optionally over a beacon_sessions table that already holds history;
@@ -91,6 +92,12 @@ void startServer() {
 std::string serverUrl(const char* path) {
     return "http://127.0.0.1:" + std::to_string(gServerPort) + path;
 }
+
+}  // namespace
+
+std::string benchServerUrl(const char* path) { return serverUrl(path); }
+
+namespace {
 
 constexpr const char* kUUID = test::kUUID;
 
