@@ -223,3 +223,23 @@ TEST(QZWManagerLifecycle, MissingLocationUsageDeclarationStopsCreation) {
     vp.platform->libraryBundle = platform::Bundle(lib.path());
     EXPECT_TRUE(QZWManager::manager(vp.platform));
 }
+
+TEST(QZWManagerLifecycle, KitReplacedWhileTheHostThreadRangesAgainstIt) {
+    ManagerFixture f;
+    f.create();
+    f.manager->start();
+    f.scheduler().settle();
+    auto door = ManagerFixture::beaconRegion(1, 1, "door");
+    f.location().deliverEnter(door);
+    f.recorder->clear();
+    // Syncs complete on background contexts, rebuilding and re-registering, while reports arrive.
+    for (int i = 0; i < 20; ++i) {
+        f.manager->sync();
+        f.location().deliverRanging(door, {ManagerFixture::beacon(1, 1)});
+    }
+    f.scheduler().settle();
+    auto events = f.recorder->events();
+    EXPECT_EQ(std::count(events.begin(), events.end(), "didRange door: Door beacon"), 20);
+    EXPECT_EQ(std::count(events.begin(), events.end(), "didSync"), 20);
+    EXPECT_EQ(f.location().monitoredRegions().size(), 3u);
+}
