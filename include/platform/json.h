@@ -76,6 +76,9 @@ std::int32_t jsonIntValue(const Json* j);
 // The value as a floating-point number, read as leniently as jsonIntValue (strings by their
 // leading decimal number, anything unreadable as 0).
 double jsonDoubleValue(const Json* j);
+// The value as a boolean: booleans themselves, numbers when not zero, text that starts (after
+// blanks, a sign and zeros) with Y, y, T, t or a digit 1-9; anything else false.
+bool jsonBoolValue(const Json* j);
 // The string when `j` is one.
 std::optional<std::string> jsonString(const Json* j);
 // The member `key` of `j` when `j` is an object that has it; null otherwise.

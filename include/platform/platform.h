@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/application.h"
 #include "platform/bundle.h"
 #include "platform/clock.h"
 #include "platform/device.h"
@@ -24,6 +25,8 @@ struct Platform {
     std::shared_ptr<DeviceInfo> device;
     // Region monitoring and ranging; fed by the host (see LocationService).
     std::shared_ptr<LocationService> location;
+    // The host application: state, background tasks, delegate slot, notifications, alerts.
+    std::shared_ptr<Application> application;
     // Where databases, caches and the state file live. Exists once the platform is made.
     std::string documentsDirectory;
     // The host application's bundle (configuration files, "Info.plist").

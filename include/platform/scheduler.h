@@ -82,6 +82,14 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     // does not move. Host thread only.
     void settle();
 
+    // Blocks until `pred` (read under `lk`) holds or `deadline` passes on the clock; answers
+    // pred(). On the wall clock this is a wait on `cv`, which whoever changes the predicate must
+    // notify. On a virtual clock the waiter wakes whenever background work ends, and once none is
+    // left that could still change the predicate, time moves on (firing queue timers on the way)
+    // to the deadline. Run-loop timers wait for the host thread, which is the one blocked here.
+    bool waitUntil(std::unique_lock<std::mutex>& lk, std::condition_variable& cv, Date deadline,
+                   const std::function<bool()>& pred);
+
     // Marks work that runs outside the queues (an HTTP exchange) so that settle() waits for it.
     class WorkToken {
       public:
@@ -123,6 +131,7 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     mutable std::mutex mu_;
     std::condition_variable cv_;  // outstanding_, main_, timers_ or stop_ changed
     long outstanding_ = 0;        // guarded by mu_
+    std::uint64_t unitsEnded_ = 0;  // guarded by mu_: work units finished so far
     std::deque<Task> main_;       // guarded by mu_
     bool stop_ = false;           // guarded by mu_; run() returns
     bool shuttingDown_ = false;   // guarded by mu_; timer thread exits

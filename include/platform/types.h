@@ -4,6 +4,7 @@
 #include <compare>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,6 +47,10 @@ class Date {
 std::string formatUTC(Date d, bool milliseconds = false);
 // The same text appended to `out`.
 void appendUTC(std::string& out, Date d, bool milliseconds = false);
+
+// Parses "yyyy-MM-dd'T'HH:mm:ss.SSS" followed by a zone: "Z", "+hhmm" or "+hh:mm" (or "-").
+// The fraction may have 1 to 9 digits. Nothing for anything else, an impossible date included.
+std::optional<Date> parseTimestamp(std::string_view text);
 
 // A failure as a value: the layer's domain, a code and a human-readable description.
 struct Error {

@@ -175,6 +175,21 @@ double jsonDoubleValue(const Json* j) {
     return 0;
 }
 
+bool jsonBoolValue(const Json* j) {
+    if (!j) return false;
+    if (j->is_boolean()) return j->get<bool>();
+    if (auto n = Number::fromJson(*j)) return n->doubleValue() != 0;
+    if (!j->is_string()) return false;
+    const auto& s = j->get_ref<const std::string&>();
+    std::size_t i = s.find_first_not_of(" \t\r\n");
+    if (i == std::string::npos) return false;
+    if (s[i] == '+' || s[i] == '-') ++i;
+    while (i < s.size() && s[i] == '0') ++i;
+    if (i >= s.size()) return false;
+    char c = s[i];
+    return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
 std::optional<std::string> jsonString(const Json* j) {
     if (j && j->is_string()) return j->get<std::string>();
     return std::nullopt;

@@ -40,6 +40,7 @@ std::shared_ptr<Platform> Platform::create(Options o) {
     p->device = o.device ? std::move(o.device)
                          : std::make_shared<LinuxDeviceInfo>(
                                o.applicationId, joinPath(p->documentsDirectory, ".vendor-id"));
+    p->application = Application::create(p->scheduler);
     p->location = o.location ? std::move(o.location) : LocationService::create(p->scheduler);
     p->mainBundle =
         Bundle(o.bundleDirectory ? std::move(*o.bundleDirectory) : executableDirectory());

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -259,6 +260,7 @@ void Scheduler::endWorkUnit() {
     {
         std::lock_guard lk(mu_);
         --outstanding_;
+        ++unitsEnded_;
     }
     cv_.notify_all();
 }
@@ -374,6 +376,55 @@ void Scheduler::settle() {
         };
         cv_.wait(lk, ready);
         if (outstanding_ == 0 && main_.empty() && !(isVirtual() && hasDueTimerLocked())) return;
+    }
+}
+
+bool Scheduler::waitUntil(std::unique_lock<std::mutex>& lk, std::condition_variable& cv,
+                          Date deadline, const std::function<bool()>& pred) {
+    if (!isVirtual()) {
+        auto wall = std::chrono::system_clock::now() +
+                    std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                        std::chrono::duration<double>(deadline.timeIntervalSince(now())));
+        return cv.wait_until(lk, wall, pred);
+    }
+    auto* vc = dynamic_cast<VirtualClock*>(clock_.get());
+    for (;;) {
+        if (pred()) return true;
+        if (now() >= deadline) return false;
+        lk.unlock();
+        std::shared_ptr<detail::TimerCore> due;
+        {
+            std::unique_lock s(mu_);
+            if (outstanding_ > 0) {
+                std::uint64_t seen = unitsEnded_;
+                cv_.wait(s, [&] { return unitsEnded_ != seen; });
+            } else {
+                // Nothing runs that could answer: the next queue timer before the deadline fires,
+                // or the deadline comes.
+                double next = deadline.timeIntervalSince1970();
+                for (const auto& [key, t] : timers_) {
+                    if (!t->onHost) {
+                        next = std::min(next, key.first);
+                        break;
+                    }
+                }
+                if (vc) vc->setNow(Date::fromSecondsSince1970(next));
+                for (auto it = timers_.begin(); it != timers_.end(); ++it) {
+                    if (!it->second->onHost && it->first.first <= now().timeIntervalSince1970()) {
+                        due = it->second;
+                        timers_.erase(it);
+                        due->key.reset();
+                        if (due->repeats) {
+                            due->key = std::make_pair(next + due->interval, timerSeq_++);
+                            insertTimerLocked(due);
+                        }
+                        break;
+                    }
+                }
+            }
+        }
+        if (due && !due->cancelled) due->fire();
+        lk.lock();
     }
 }
 

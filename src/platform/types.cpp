@@ -73,6 +73,72 @@ std::string formatUTC(Date date, bool milliseconds) {
     return out;
 }
 
+std::optional<Date> parseTimestamp(std::string_view t) {
+    std::size_t i = 0;
+    auto num = [&](int digits) -> std::optional<long long> {
+        if (i + static_cast<std::size_t>(digits) > t.size()) return std::nullopt;
+        long long v = 0;
+        for (int k = 0; k < digits; ++k) {
+            char c = t[i++];
+            if (c < '0' || c > '9') return std::nullopt;
+            v = v * 10 + (c - '0');
+        }
+        return v;
+    };
+    auto lit = [&](char c) { return i < t.size() && t[i++] == c; };
+    auto year = num(4);
+    if (!year || !lit('-')) return std::nullopt;
+    auto month = num(2);
+    if (!month || !lit('-')) return std::nullopt;
+    auto day = num(2);
+    if (!day || !lit('T')) return std::nullopt;
+    auto hour = num(2);
+    if (!hour || !lit(':')) return std::nullopt;
+    auto minute = num(2);
+    if (!minute || !lit(':')) return std::nullopt;
+    auto second = num(2);
+    if (!second || !lit('.')) return std::nullopt;
+    double fraction = 0, scale = 0.1;
+    std::size_t digits = 0;
+    while (i < t.size() && t[i] >= '0' && t[i] <= '9' && digits < 9) {
+        fraction += (t[i++] - '0') * scale;
+        scale /= 10;
+        ++digits;
+    }
+    if (digits == 0) return std::nullopt;
+    long long offset = 0;
+    if (i < t.size() && t[i] == 'Z') {
+        ++i;
+    } else if (i < t.size() && (t[i] == '+' || t[i] == '-')) {
+        int sign = t[i++] == '-' ? -1 : 1;
+        auto oh = num(2);
+        if (i < t.size() && t[i] == ':') ++i;
+        auto om = num(2);
+        if (!oh || !om || *oh > 23 || *om > 59) return std::nullopt;
+        offset = sign * (*oh * 3600 + *om * 60);
+    } else {
+        return std::nullopt;
+    }
+    if (i != t.size()) return std::nullopt;
+    static constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    bool leap = (*year % 4 == 0 && *year % 100 != 0) || *year % 400 == 0;
+    if (*month < 1 || *month > 12 || *day < 1 ||
+        *day > kDays[*month - 1] + (*month == 2 && leap ? 1 : 0) || *hour > 23 || *minute > 59 ||
+        *second > 60) {
+        return std::nullopt;
+    }
+    // Days from 1970-01-01 of a proleptic Gregorian date.
+    long long y = *year - (*month <= 2 ? 1 : 0);
+    long long era = (y >= 0 ? y : y - 399) / 400;
+    long long yoe = y - era * 400;
+    long long mp = (*month + 9) % 12;
+    long long doy = (153 * mp + 2) / 5 + *day - 1;
+    long long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    long long days = era * 146097 + doe - 719468;
+    double secs = static_cast<double>(days * 86400 + *hour * 3600 + *minute * 60 + *second - offset);
+    return Date::fromSecondsSince1970(secs + fraction);
+}
+
 namespace {
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
