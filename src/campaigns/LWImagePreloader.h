@@ -16,7 +16,8 @@ public:
     // finds them (case-sensitive, leftmost-first, the last src= before the tag's first '>'),
     // that starts with "http" is downloaded (synchronously, one after another) and replaced by
     // "data:image;charset=US-ASCII;base64,…". A failed download or an image over 1 MiB keeps its
-    // URL; tags, quotes and everything else stay as they are.
+    // URL (as does an answer that is not a success: an error page is no image); tags, quotes and
+    // everything else stay as they are.
     static std::string htmlWithInlinedImages(quenby::platform::HttpClient& http,
                                              const std::string& html,
                                              double timeoutSeconds = 60.0);

@@ -1,0 +1,197 @@
+// The campaign layer end to end, through LWManager.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "campaigns/campaign_fixture.h"
+
+using namespace quenby;
+using namespace quenby::test;
+using platform::Json;
+
+TEST(LWManagerWalk, FoundAtItsTriggerDistanceViewedFulfilledRecordedUploadedAndRestored) {
+    CampaignFixture f;
+    f.startAndSync();
+    EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didSync"}));
+    ASSERT_EQ(f.manager->activeCampaigns().size(), 1u);
+    auto c1 = f.manager->campaignWithId("c1");
+    ASSERT_TRUE(c1);
+    EXPECT_EQ(f.manager->campaignRepo()->kitId(), 17);
+
+    // Entering the door's region is no distance: extended ranging starts, nothing is found.
+    auto door = CampaignFixture::region(1, "door");
+    f.location().deliverEnter(door);
+    EXPECT_EQ(f.vp.platform->application->runningBackgroundTasks(),
+              (std::vector<std::string>{"Lurewave:ExtendedRanging"}));
+    f.location().deliverRanging(door, {CampaignFixture::beacon(1, 2.01)});
+    EXPECT_FALSE(f.host->saw("found c1")) << "2.01 m is beyond a trigger distance of 2.0";
+    f.location().deliverRanging(door, {CampaignFixture::beacon(1, 0.0), CampaignFixture::beacon(1, 2.0)});
+    EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didSync", "place 7 1", "place 7 0",
+                                                          "found c1", "place 7 0"}))
+        << "a beacon with no distance estimate is ignored";
+    EXPECT_TRUE(f.vp.platform->application->runningBackgroundTasks().empty()) << "ended on the find";
+    EXPECT_EQ(f.manager->foundCampaigns(), (std::vector<std::shared_ptr<LWCampaign>>{c1}));
+    EXPECT_EQ(c1->foundAt()->id(), 7);
+
+    // Viewed by the user, then fulfilled at the checkout; a second find waits for the recurrence.
+    f.vp.scheduler().performPass([&] { f.manager->setCampaignViewed(c1); });
+    f.vp.scheduler().performPass([&] { f.manager->setCampaignViewed(c1); });  // counted once
+    f.location().deliverRanging(CampaignFixture::region(2, "checkout"), {CampaignFixture::beacon(2, 1.0)});
+    f.location().deliverRanging(door, {CampaignFixture::beacon(1, 1.0)});
+    auto seen = f.host->events();
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), "found c1"), 1);
+    EXPECT_TRUE(c1->fulfilled());
+    EXPECT_EQ(c1->viewCount(), 1);
+    auto events = f.analyticsEvents();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0], Json({{"kit_id", 17}, {"event_type", "found"}, {"campaign_id", "c1"}, {"place_id", "7"}}));
+    EXPECT_EQ(events[1]["event_type"], "viewed");
+    EXPECT_EQ(events[1]["place_id"], "7") << "the place of the find";
+    EXPECT_EQ(events[2], Json({{"kit_id", 17}, {"event_type", "fulfilled"}, {"campaign_id", "c1"}, {"place_id", "9"}}));
+
+    f.vp.scheduler().advanceBy(30);
+    auto uploads = f.server.requestsTo("/analytics");
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(Json::parse(uploads[0].body)["lurewave_events"].size(), 3u);
+
+    // The host goes to the background (the state is written), and a second manager on the same
+    // documents restores the found campaign and its history.
+    f.vp.platform->application->deliverWillResignActive();
+    f.manager.reset();
+    f.create();
+    ASSERT_EQ(f.manager->foundCampaigns().size(), 1u);
+    auto restored = f.manager->foundCampaigns()[0];
+    EXPECT_EQ(restored->viewCount(), 1);
+    EXPECT_TRUE(restored->fulfilled());
+    EXPECT_EQ(restored->foundAt()->id(), 7);
+    EXPECT_FALSE(restored->canDetect()) << "the recurrence survives a restart";
+    EXPECT_TRUE(f.manager->campaignRepo()->kitId().is_null()) << "kept as kitId, read as kit_id";
+    auto onDisk = platform::unarchiveJson(*f.vp.platform->files->readFile(f.statePath()));
+    EXPECT_EQ((*onDisk)["campaign_ids"], Json::array()) << "until the next write";
+    EXPECT_FALSE(onDisk->contains("configuration"));
+
+    // The server drops the campaign: the sync expires it, the prune removes it everywhere.
+    f.serveFeed({});
+    f.manager->sync();
+    f.vp.scheduler().settle();
+    EXPECT_TRUE(f.manager->foundCampaigns().empty());
+    EXPECT_TRUE(f.manager->activeCampaigns().empty());
+}
+
+TEST(LWManagerPush, TokenWaitsForTheTokenUrlAndTheSameTokenIsSentOnce) {
+    CampaignFixture f;
+    f.create();
+    f.manager->registerDeviceToken({0x0a, 0x1b, 0x2c, 0xff});
+    f.vp.scheduler().settle();
+    EXPECT_EQ(f.requests("/tokens"), 0u) << "no token URL before the first sync";
+    f.manager->start();
+    f.vp.scheduler().settle();
+    auto posts = f.server.requestsTo("/tokens");
+    ASSERT_EQ(posts.size(), 1u);
+    EXPECT_EQ(posts[0].method, "POST");
+    EXPECT_EQ(Json::parse(posts[0].body), Json({{"ios_token", "0a1b2cff"}}));
+    EXPECT_EQ(posts[0].header("AUTHORIZATION"), "Token token=\"lw-token\"");
+    EXPECT_EQ(posts[0].header("X-LW-FrameworkVersion"), "0.2.1");
+    EXPECT_EQ(posts[0].header("X-LW-AppID"), kTestVendorId);
+    std::vector<std::string> order;
+    for (const auto& [k, v] : posts[0].headers) order.push_back(k);
+    f.manager->registerDeviceToken({0x0a, 0x1b, 0x2c, 0xff});
+    f.vp.scheduler().settle();
+    EXPECT_EQ(f.requests("/tokens"), 1u);
+
+    f.manager->deregisterDeviceToken();
+    f.vp.scheduler().settle();
+    EXPECT_EQ(f.server.requests().back().method, "DELETE");
+    EXPECT_FALSE(f.manager->campaignRepo()->registeredDeviceToken());
+}
+
+TEST(LWManagerPush, RemoteNotificationsSyncWithinSixHoursOfAPlaceAndNotAfter) {
+    CampaignFixture f;
+    f.startAndSync();
+    std::vector<int> results;
+    auto handler = [&](int r) { results.push_back(r); };
+    f.manager->handleRemoteNotificationFetchCompletionHandler({}, handler);
+    EXPECT_EQ(results, (std::vector<int>{1})) << "no place detected yet: no data, no request";
+
+    f.location().deliverEnter(CampaignFixture::region(1, "door"));
+    f.vp.scheduler().advanceBy(5 * 3600 + 59 * 60);
+    auto campaigns = f.requests("/campaigns"), kits = f.requests("/kit");
+    f.manager->handleRemoteNotificationFetchCompletionHandler({}, handler);
+    EXPECT_EQ(results, (std::vector<int>{1, 0}));
+    EXPECT_EQ(f.requests("/campaigns"), campaigns + 1);
+    EXPECT_EQ(f.requests("/kit"), kits + 2);
+    auto running = f.vp.platform->application->runningBackgroundTasks();
+    EXPECT_NE(std::find(running.begin(), running.end(), ""), running.end());
+    f.vp.scheduler().advanceBy(5);
+    running = f.vp.platform->application->runningBackgroundTasks();
+    EXPECT_EQ(std::find(running.begin(), running.end(), ""), running.end()) << "ended after 5 s";
+
+    // Exactly six hours after the last detection is outside the window.
+    f.manager->getZonewiseDelegate()->setCompletionHandler(nullptr);
+    f.location().deliverEnter(CampaignFixture::region(1, "door"));
+    f.vp.scheduler().advanceBy(6 * 3600);
+    results.clear();
+    campaigns = f.requests("/campaigns");
+    f.manager->handleRemoteNotificationFetchCompletionHandler({}, handler);
+    EXPECT_EQ(results, (std::vector<int>{1}));
+    EXPECT_EQ(f.requests("/campaigns"), campaigns);
+}
+
+TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
+    CampaignFixture f;
+    f.startAndSync();
+    f.location().deliverRanging(CampaignFixture::region(1, "door"), {CampaignFixture::beacon(1, 1.0)});
+    ASSERT_EQ(f.manager->foundCampaigns().size(), 1u);
+    auto before = f.vp.platform->files->readFile(f.statePath());
+    ConsoleCapture console;
+    for (std::string body : {"[1, 2]", "{\"kits\": []}", "{\"kits\": [3]}", "\"text\"", "<html>down</html>"}) {
+        f.host->clear();
+        f.server.on("GET", "/campaigns", Reply{200, body});
+        f.manager->sync();
+        f.vp.scheduler().settle();
+        EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didFail Lurewave 422"})) << body;
+        EXPECT_EQ(f.manager->activeCampaigns().size(), 1u) << body;
+        EXPECT_EQ(f.manager->foundCampaigns().size(), 1u) << body;
+        EXPECT_EQ(f.vp.platform->files->readFile(f.statePath()), before) << body;
+    }
+    EXPECT_EQ(console.withPrefix("Lurewave: Sync failed.  Error Domain=Lurewave Code=422").size(), 5u);
+
+    // A feed without "linked" carries no campaigns: every cached one expires.
+    f.server.on("GET", "/campaigns", Reply{200, "{\"kits\": [{\"id\": 17}]}"});
+    f.manager->sync();
+    f.vp.scheduler().settle();
+    EXPECT_TRUE(f.manager->activeCampaigns().empty());
+    EXPECT_TRUE(f.manager->foundCampaigns().empty());
+}
+
+TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
+    CampaignFixture f;
+    f.startAndSync();
+    f.location().deliverRanging(CampaignFixture::region(1, "door"), {CampaignFixture::beacon(1, 1.0)});
+    auto good = *f.vp.platform->files->readFile(f.statePath());
+    f.manager.reset();
+    f.vp.scheduler().settle();
+
+    ConsoleCapture console;
+    platform::Bytes truncated(good.begin(), good.begin() + static_cast<long>(good.size() / 2));
+    for (const platform::Bytes& bad : {truncated, platform::toBytes("<?xml version=\"1.0\"?><plist/>"),
+                                       platform::archiveJson(Json::array({1, 2}))}) {
+        f.vp.platform->files->writeFile(f.statePath(), bad, false);
+        f.create();
+        EXPECT_TRUE(f.manager->foundCampaigns().empty());
+        EXPECT_TRUE(f.manager->activeCampaigns().empty());
+        f.manager.reset();
+    }
+    EXPECT_EQ(console.withPrefix("Lurewave: Unreadable state file ").size(), 3u);
+
+    f.vp.platform->files->writeFile(f.statePath(), good, false);
+    f.create();
+    EXPECT_EQ(f.manager->foundCampaigns().size(), 1u);
+    f.vp.platform->application->deliverWillResignActive();  // writes the state
+    for (const auto& e : std::filesystem::directory_iterator(f.vp.documents.path())) {
+        EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos)
+            << "no temporary file left behind";
+    }
+    auto written = platform::unarchiveJson(*f.vp.platform->files->readFile(f.statePath()));
+    EXPECT_EQ((*written)["campaign_ids"], Json::array({"c1"}));
+}

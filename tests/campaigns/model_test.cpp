@@ -1,0 +1,252 @@
+// Campaign content, image inlining, campaigns and places.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "campaigns/LWCampaign.h"
+#include "campaigns/LWImagePreloader.h"
+#include "platform/crypto.h"
+#include "support/test_server.h"
+#include "support/test_support.h"
+
+using namespace quenby;
+using namespace quenby::test;
+using platform::Date;
+using platform::Json;
+
+namespace {
+
+Json campaignJson(const std::string& start, const std::string& end, Json extra = Json::object()) {
+    Json c = {{"id", 42},
+              {"start_at", start},
+              {"end_at", end},
+              {"links", {{"content", 5}, {"places", {7, "8"}}, {"fulfillment_places", {9}}}}};
+    for (auto& [k, v] : extra.items()) c[k] = v;
+    return c;
+}
+
+const char* kBefore = "2026-03-01T08:00:00.000+0000";  // an hour before the virtual start
+const char* kAfter = "2026-03-01T10:00:00.000Z";
+
+}  // namespace
+
+TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) {
+    VirtualPlatform vp;
+    TestServer server;
+    server.on("GET", "/a.png", Reply{200, "AAA", "image/png"});
+    server.on("GET", "/b.png", Reply{200, std::string(5000, 'b'), "image/png"});
+    server.on("GET", "/huge.png", Reply{200, std::string(2 * 1048576, 'h'), "image/png"});
+    auto& http = *vp.platform->http;
+    std::string a = server.url("/a.png"), b = server.url("/b.png");
+
+    EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(http, "<p>no images</p>"), "<p>no images</p>");
+    std::string html = "<p><img class=\"x\" src=\"" + a + "\"></p><IMG src=\"" + a +
+                       "\"><img src='" + b + "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
+                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
+                       server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
+    std::string out = LWImagePreloader::htmlWithInlinedImages(http, html);
+    std::string dataA = "data:image;charset=US-ASCII;base64," + platform::base64Encode(platform::toBytes("AAA"));
+    std::string dataB = "data:image;charset=US-ASCII;base64," +
+                        platform::base64Encode(platform::toBytes(std::string(5000, 'b')));
+    std::string want = "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a +
+                       "\"><img src='" + dataB + "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
+                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
+                       server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
+    EXPECT_EQ(out, want) << "upper-case tags, relative, data and over-1-MiB images keep their URL";
+
+    // The expression's own choices: the last src= before the tag's first '>', a value that may
+    // hold '>', and no match without a closing '>'.
+    auto values = [](const std::string& h) {
+        std::vector<std::string> v;
+        for (auto m : LWImagePreloader::findImageSources(h)) v.push_back(h.substr(m.start, m.length));
+        return v;
+    };
+    EXPECT_EQ(values("<img src='1' src=\"2\">"), (std::vector<std::string>{"2"}));
+    EXPECT_EQ(values("<img alt='a>b' src='x'>"), (std::vector<std::string>{}));
+    EXPECT_EQ(values("<img src='a>b'>"), (std::vector<std::string>{"a>b"}));
+    EXPECT_EQ(values("<img src=''>"), (std::vector<std::string>{}));
+    EXPECT_EQ(values("<imgsrc='x'>"), (std::vector<std::string>{}));
+    EXPECT_EQ(values("<img src='x'"), (std::vector<std::string>{}));
+    EXPECT_EQ(values("<img src='1'><img src='2'>"), (std::vector<std::string>{"1", "2"}));
+
+    // A hostile body: one tag of a million characters, and many unclosed tags; no recursion.
+    auto t0 = std::chrono::steady_clock::now();
+    std::string hostile = "<img " + std::string(1000000, 'a') + " src='x'>";
+    EXPECT_EQ(values(hostile).size(), 1u);
+    std::string many;
+    for (int i = 0; i < 100000; ++i) many += "<img src='";
+    EXPECT_TRUE(values(many).empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+}
+
+TEST(LWImagePreloader, AnImageThatHangsKeepsItsUrlAfterTheTimeOut) {
+    VirtualPlatform vp;
+    TestServer server;
+    std::mutex mu;
+    std::condition_variable cv;
+    bool release = false;
+    server.on("GET", "/slow.png", TestServer::Handler([&](const ReceivedRequest&) {
+                  std::unique_lock lk(mu);
+                  cv.wait(lk, [&] { return release; });
+                  return Reply{200, "late", "image/png"};
+              }));
+    std::string html = "<img src=\"" + server.url("/slow.png") + "\">";
+    EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(*vp.platform->http, html, 0.2), html);
+    {
+        std::lock_guard lk(mu);
+        release = true;
+    }
+    cv.notify_all();
+}
+
+TEST(LWContent, FingerprintsTheWholeDictionaryAndComparesById) {
+    VirtualPlatform vp;
+    Json dict = {{"id", 5}, {"alert_title", "50% off"}, {"body", "<p>x</p>"}, {"attributes", {{"a", 1}}}};
+    auto c = LWContent::initWithDictionary(vp.platform, dict);
+    EXPECT_EQ(c->id(), "5");
+    EXPECT_EQ(c->alertMessage(), "(null)") << "a missing key reads as the text (null)";
+    EXPECT_EQ(c->hashValue().size(), 20u);
+    EXPECT_EQ(c->hashValue(), LWContent::hashForDictionary(dict));
+    Json other = dict;
+    other["body"] = "<p>y</p>";
+    auto d = LWContent::initWithDictionary(vp.platform, other);
+    EXPECT_TRUE(c->isEqual(*d)) << "same id";
+    EXPECT_NE(c->hashValue(), d->hashValue());
+    EXPECT_EQ(c->description(), "<LWContent: alertTitle=\"50% off\">");
+    auto back = LWContent::fromArchive(vp.platform, c->archive());
+    EXPECT_EQ(back->archive(), c->archive());
+    EXPECT_FALSE(back->preloaded());
+
+    c->startPreloadingImages();
+    EXPECT_TRUE(c->preloaded());
+    vp.scheduler().settle();
+    EXPECT_EQ(c->body(), "<p>x</p>");
+}
+
+TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
+    VirtualPlatform vp;
+    auto content = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
+    auto c = LWCampaign::initWithDictionaryContents(
+        vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", 600}, {"trigger_distance", 2.0}}),
+        {content});
+    EXPECT_EQ(c->id(), "42");
+    EXPECT_EQ(c->content(), content);
+    EXPECT_EQ(c->places(), Json({7, "8"}));
+    EXPECT_EQ(c->triggerDistance(), 2.0);
+    EXPECT_TRUE(c->isActive());
+    EXPECT_FALSE(c->isExpired());
+
+    // The window is strict at both ends.
+    auto at = [&](const char* start, const char* end) {
+        return LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(start, end), {});
+    };
+    auto startsNow = at("2026-03-01T09:00:00.000+0000", kAfter);
+    EXPECT_FALSE(startsNow->isActive());
+    auto endsNow = at(kBefore, "2026-03-01T04:00:00.000-0500");
+    EXPECT_FALSE(endsNow->isActive());
+    EXPECT_TRUE(endsNow->isExpired());
+    auto unparsable = at("yesterday", kAfter);
+    EXPECT_FALSE(unparsable->isActive()) << "an unparsable date never becomes active";
+
+    // Recurrence.
+    EXPECT_TRUE(c->canDetect());
+    c->detect();
+    EXPECT_FALSE(c->canDetect());
+    vp.scheduler().advanceBy(600);
+    EXPECT_FALSE(c->canDetect()) << "exactly at the end of the wait: not yet";
+    vp.scheduler().advanceBy(0.001);
+    EXPECT_TRUE(c->canDetect());
+    auto never = LWCampaign::initWithDictionaryContents(
+        vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", -1}}), {});
+    never->detect();
+    EXPECT_EQ(never->canDetectAfter(), Date::distantFuture());
+    auto always = LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(kBefore, kAfter), {});
+    always->detect();
+    EXPECT_TRUE(always->canDetect());
+
+    // Foreground-only campaigns need the application active.
+    auto fg = LWCampaign::initWithDictionaryContents(
+        vp.platform, campaignJson(kBefore, kAfter, {{"foreground_only", "YES"}}), {});
+    EXPECT_TRUE(fg->isActive());
+    vp.platform->application->setApplicationState(platform::ApplicationState::Background);
+    EXPECT_FALSE(fg->isActive());
+    EXPECT_TRUE(c->isActive()) << "the state is not consulted for other campaigns";
+
+    // A re-sync: the same content keeps its object (and its images), a changed one replaces it,
+    // a null trigger distance clears it, and what the device recorded stays.
+    c->setViewCount(3);
+    auto sameContent = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
+    c->updateWithDictionaryContents(campaignJson(kBefore, kAfter, {{"trigger_distance", nullptr}}),
+                                    {sameContent});
+    EXPECT_EQ(c->content(), content);
+    EXPECT_FALSE(c->triggerDistance());
+    EXPECT_EQ(c->viewCount(), 3);
+    auto changed = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "60% off"}});
+    c->updateWithDictionaryContents(campaignJson(kBefore, kAfter), {changed});
+    EXPECT_EQ(c->content(), changed);
+    EXPECT_TRUE(changed->preloaded()) << "a new content starts its image preloading";
+
+    auto n = c->buildLocalNotification();
+    EXPECT_EQ(n.alertAction, "View Details");
+    EXPECT_EQ(n.alertBody, "60%% off");
+    EXPECT_EQ(n.userInfo, Json({{"campaignId", "42"}}));
+    vp.scheduler().settle();
+}
+
+TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
+    VirtualPlatform vp;
+    auto content = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "t"}});
+    auto c = LWCampaign::initWithDictionaryContents(
+        vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", 60}, {"trigger_distance", 1.5}}),
+        {content});
+    c->detect();
+    c->setViewCount(2);
+    c->setViewed(true);
+    c->setFoundAt(LWPlace::initWithDict({{"id", 7}, {"name", "Door"}, {"type", 0}}));
+    auto back = LWCampaign::fromArchive(vp.platform, c->archive());
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->archive(), c->archive());
+    EXPECT_TRUE(back->isEqual(*c));
+    EXPECT_EQ(back->foundAt()->description(), "<LWPlace id=7 name=\"Door\">");
+
+    Json legacy = c->archive();
+    legacy["content"] = "<p>old body</p>";
+    legacy["message"] = "old message";
+    legacy["title"] = "old title";
+    auto old = LWCampaign::fromArchive(vp.platform, legacy);
+    ASSERT_TRUE(old && old->content());
+    EXPECT_EQ(old->content()->body(), "<p>old body</p>");
+    EXPECT_EQ(old->content()->alertTitle(), "old title");
+    EXPECT_EQ(old->content()->alertMessage(), "old message");
+    EXPECT_FALSE(LWCampaign::fromArchive(vp.platform, Json::array()));
+    EXPECT_FALSE(LWCampaign::fromArchive(vp.platform, {{"id", 1}}));
+
+    EXPECT_EQ(LWCampaign::dateFromString("2026-03-01T09:00:00.250+01:30")->timeIntervalSince1970(),
+              kTestStart - 5400 + 0.25);
+    for (const char* bad : {"2026-02-30T09:00:00.000Z", "2026-03-01T09:00:00Z", "2026-03-01 09:00:00.000Z",
+                            "2026-03-01T09:00:00.000", "2026-03-01T24:00:00.000Z", ""}) {
+        EXPECT_FALSE(LWCampaign::dateFromString(bad)) << bad;
+    }
+}
+
+TEST(LWPlace, FromRegionsAndPlaceIds) {
+    Json attrs = {{"lw_place_ids", "[7, 8]"}};
+    QZWCircle fence({{"type", "circle"}, {"identifier", "f"}, {"name", "Car park"}, {"attributes", attrs}});
+    auto p = LWPlace::initWithRegion(fence);
+    EXPECT_EQ(p->id(), 7);
+    EXPECT_EQ(p->type(), 1);
+    EXPECT_EQ(p->accuracy(), -1.0);
+    Json entry = {{"attributes", attrs}};
+    QZWBeacon beacon(platform::Beacon{*platform::UUID::parse(kTestVendorId), 1, 2, 1, 0.8, -55},
+                     &entry);
+    auto b = LWPlace::initWithRegion(beacon);
+    EXPECT_EQ(b->type(), 0);
+    EXPECT_EQ(b->accuracy(), 0.8);
+    EXPECT_EQ(b->rssi(), platform::Number(-55));
+    EXPECT_EQ(LWPlace::parsePlaceIds(std::nullopt), Json::array());
+    EXPECT_EQ(LWPlace::parsePlaceIds("not json"), Json::array());
+    EXPECT_EQ(LWPlace::parsePlaceIds("{\"a\":1}"), Json::array());
+    EXPECT_EQ(LWPlace::parsePlaceIds("[\"7\"]"), Json::array({"7"}));
+    QZWCircle none({{"type", "circle"}, {"attributes", {{"lw_place_ids", "[]"}}}});
+    EXPECT_EQ(LWPlace::initWithRegion(none)->id(), 0);
+}
