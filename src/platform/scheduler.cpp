@@ -21,16 +21,17 @@ namespace quenby::platform {
 // could deadlock where the platform's own dispatch would not.
 
 class ThreadPool {
-  public:
-    ThreadPool() = default;
+public:
+    ThreadPool() : state_(std::make_shared<State>()) {}
     ~ThreadPool() {
         {
-            std::lock_guard lk(mu_);
-            stopping_ = true;
+            std::lock_guard lk(state_->mu);
+            state_->stopping = true;
         }
-        cv_.notify_all();
+        state_->cv.notify_all();
         for (auto& t : threads_) {
-            // The last owner of the scheduler may let go from a pool thread.
+            // The pool may go with the last owner of its scheduler, released by one of its own
+            // threads: that thread finishes on the shared state.
             if (t.get_id() == std::this_thread::get_id()) {
                 t.detach();
             } else {
@@ -40,41 +41,46 @@ class ThreadPool {
     }
 
     void submit(Task task) {
-        std::lock_guard lk(mu_);
-        tasks_.push_back(std::move(task));
-        if (idle_ == 0 && threads_.size() < kMaxThreads) {
-            threads_.emplace_back([this] { workerMain(); });
+        std::lock_guard lk(state_->mu);
+        state_->tasks.push_back(std::move(task));
+        if (state_->idle == 0 && threads_.size() < kMaxThreads) {
+            threads_.emplace_back([state = state_] { workerMain(*state); });
         } else {
-            cv_.notify_one();
+            state_->cv.notify_one();
         }
     }
 
-  private:
+private:
     static constexpr std::size_t kMaxThreads = 512;
 
-    void workerMain() {
+    struct State {
+        std::mutex mu;
+        std::condition_variable cv;
+        std::deque<Task> tasks;  // guarded by mu
+        std::size_t idle = 0;    // guarded by mu
+        bool stopping = false;   // guarded by mu
+    };
+
+    static void workerMain(State& s) {
         NotificationQueue::markThreadDeferring();
-        std::unique_lock lk(mu_);
+        std::unique_lock lk(s.mu);
         for (;;) {
-            ++idle_;
-            cv_.wait(lk, [&] { return stopping_ || !tasks_.empty(); });
-            --idle_;
+            ++s.idle;
+            s.cv.wait(lk, [&] { return s.stopping || !s.tasks.empty(); });
+            --s.idle;
             // Work queued before shutdown still runs: it holds accounting the owner waits on.
-            if (tasks_.empty()) return;
-            Task t = std::move(tasks_.front());
-            tasks_.pop_front();
+            if (s.tasks.empty()) return;
+            Task t = std::move(s.tasks.front());
+            s.tasks.pop_front();
             lk.unlock();
             t();
+            t = nullptr;
             lk.lock();
         }
     }
 
-    std::mutex mu_;
-    std::condition_variable cv_;
-    std::deque<Task> tasks_;            // guarded by mu_
-    std::vector<std::thread> threads_;  // guarded by mu_
-    std::size_t idle_ = 0;              // guarded by mu_
-    bool stopping_ = false;             // guarded by mu_
+    std::shared_ptr<State> state_;
+    std::vector<std::thread> threads_;  // guarded by state_->mu; the destructor runs alone
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -267,7 +273,9 @@ void Scheduler::endWorkUnit() {
 
 void Scheduler::submitBackground(Task task) {
     beginWorkUnit();
-    pool_->submit([this, task = std::move(task)]() mutable {
+    // The task keeps the scheduler alive until its accounting is done: a task may hold the last
+    // reference to whatever owns the scheduler.
+    pool_->submit([self = shared_from_this(), task = std::move(task)]() mutable {
         {
             WorkItemScope scope;
             try {
@@ -280,7 +288,7 @@ void Scheduler::submitBackground(Task task) {
             }
             task = nullptr;  // captured owners go before the work counts as done
         }
-        endWorkUnit();
+        self->endWorkUnit();
     });
 }
 

@@ -289,3 +289,52 @@ TEST(Scheduler, SystemClockTimersFireOnTheirOwn) {
     cv.wait(lk, [&] { return ticks >= 3; });
     src->cancel();
 }
+
+TEST(Scheduler, ABackgroundTaskMayHoldTheLastReferenceToItsScheduler) {
+    std::weak_ptr<Scheduler> weak;
+    {
+        auto s = Scheduler::create(std::make_shared<VirtualClock>(Date::fromSecondsSince1970(0)));
+        weak = s;
+        auto q = s->createSerialQueue("test.last");
+        Gate gate;
+        q->async([s, &gate] { gate.block(); });  // the only owner once the test lets go
+        s->dispatchGlobal([s] {});
+        gate.waitEntered();
+        s.reset();
+        gate.release();
+    }
+    // The scheduler goes on a pool thread; waiting for a real thread to finish, not for work.
+    while (!weak.expired()) std::this_thread::yield();
+}
+
+TEST(Scheduler, WaitUntilOnVirtualTimeWakesForWorkAndJumpsToTheDeadlineWhenNoneIsLeft) {
+    test::VirtualPlatform vp;
+    auto& s = vp.scheduler();
+    std::mutex mu;
+    std::condition_variable cv;
+    bool done = false;
+    s.dispatchGlobal([&] {
+        std::lock_guard lk(mu);
+        done = true;
+        cv.notify_all();
+    });
+    std::unique_lock lk(mu);
+    EXPECT_TRUE(s.waitUntil(lk, cv, s.now().addingTimeInterval(30), [&] { return done; }));
+    EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart) << "answered by work: no time passed";
+
+    // A queue timer before the deadline answers; with nothing left, time jumps to the deadline.
+    done = false;
+    auto q = s.createSerialQueue("test.wait");
+    auto timer = TimerSource::create(q);
+    timer->setEventHandler([&] {
+        std::lock_guard g(mu);
+        done = true;
+    });
+    timer->setTimer(s.now().addingTimeInterval(12), std::chrono::hours(1), std::chrono::seconds(0));
+    timer->resume();
+    EXPECT_TRUE(s.waitUntil(lk, cv, s.now().addingTimeInterval(30), [&] { return done; }));
+    EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 12);
+    done = false;
+    EXPECT_FALSE(s.waitUntil(lk, cv, s.now().addingTimeInterval(30), [&] { return done; }));
+    EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 42);
+}
