@@ -144,17 +144,21 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
     ASSERT_EQ(f.manager->foundCampaigns().size(), 1u);
     auto before = f.vp.platform->files->readFile(f.statePath());
     ConsoleCapture console;
-    for (std::string body : {"[1, 2]", "{\"kits\": []}", "{\"kits\": [3]}", "\"text\"", "<html>down</html>"}) {
+    std::string huge = "{\"kits\": \"" + std::string(8 << 20, 'x') + "\"}";
+    for (std::string body :
+         {std::string("[1, 2]"), std::string("{\"kits\": []}"), std::string("{\"kits\": [3]}"),
+          std::string("\"text\""), std::string("<html>down</html>"), huge}) {
         f.host->clear();
         f.server.on("GET", "/campaigns", Reply{200, body});
         f.manager->sync();
         f.vp.scheduler().settle();
-        EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didFail Lurewave 422"})) << body;
-        EXPECT_EQ(f.manager->activeCampaigns().size(), 1u) << body;
-        EXPECT_EQ(f.manager->foundCampaigns().size(), 1u) << body;
-        EXPECT_EQ(f.vp.platform->files->readFile(f.statePath()), before) << body;
+        std::string what = body.substr(0, 40);
+        EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didFail Lurewave 422"})) << what;
+        EXPECT_EQ(f.manager->activeCampaigns().size(), 1u) << what;
+        EXPECT_EQ(f.manager->foundCampaigns().size(), 1u) << what;
+        EXPECT_EQ(f.vp.platform->files->readFile(f.statePath()), before) << what;
     }
-    EXPECT_EQ(console.withPrefix("Lurewave: Sync failed.  Error Domain=Lurewave Code=422").size(), 5u);
+    EXPECT_EQ(console.withPrefix("Lurewave: Sync failed.  Error Domain=Lurewave Code=422").size(), 6u);
 
     // A feed without "linked" carries no campaigns: every cached one expires.
     f.server.on("GET", "/campaigns", Reply{200, "{\"kits\": [{\"id\": 17}]}"});
