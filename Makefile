@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test asan tsan bench format clean
+.PHONY: all deps configure build test demo asan tsan bench format clean
 
 all: build
 
@@ -19,6 +19,11 @@ build: configure
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# The bundled example: a shopper's walk through a store, on virtual time, with the operator's
+# server embedded. The map of the walk goes to $(BUILD)/shopper.svg.
+demo: build
+	@$(BUILD)/bin/lurewave-sim run examples/shopper.json --svg $(BUILD)/shopper.svg
 
 # AddressSanitizer + UndefinedBehaviorSanitizer over the whole suite.
 asan:

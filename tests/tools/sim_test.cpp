@@ -1,0 +1,319 @@
+// lurewave-sim from the outside: scenarios in, JSON Lines out.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <set>
+
+#include "support/test_support.h"
+
+using nlohmann::json;
+using quenby::test::TempDir;
+
+namespace {
+
+const char* kU = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
+
+struct SimRun {
+    int status = -1;
+    std::vector<json> trace;
+    std::string out, err;
+
+    std::vector<json> of(const std::string& type) const {
+        std::vector<json> r;
+        for (const auto& l : trace) {
+            if (l["type"] == type) r.push_back(l);
+        }
+        return r;
+    }
+    std::vector<json> where(const std::string& type, const std::string& key, const json& value) const {
+        std::vector<json> r;
+        for (const auto& l : of(type)) {
+            if (l.contains(key) && l[key] == value) r.push_back(l);
+        }
+        return r;
+    }
+};
+
+SimRun run(const std::string& scenario, std::vector<std::string> args = {"--json"}) {
+    TempDir dir;
+    quenby::test::writeFile(dir.file("s.json"), scenario);
+    std::string cmd = std::string(QUENBY_SIM_TOOL) + " run " + dir.file("s.json");
+    for (const auto& a : args) cmd += " " + a;
+    cmd += " > " + dir.file("out") + " 2> " + dir.file("err");
+    SimRun r;
+    int raw = std::system(cmd.c_str());
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    r.out = quenby::test::readFile(dir.file("out")).value_or("");
+    r.err = quenby::test::readFile(dir.file("err")).value_or("");
+    if (std::find(args.begin(), args.end(), "--json") != args.end()) {
+        std::size_t pos = 0;
+        while (pos < r.out.size()) {
+            std::size_t end = r.out.find('\n', pos);
+            r.trace.push_back(json::parse(r.out.substr(pos, end - pos)));
+            pos = end + 1;
+        }
+    }
+    return r;
+}
+
+// A store with a door beacon (place 7), a checkout beacon (place 9) and a car park (place 7), and
+// one campaign found at the door within 2 m and fulfilled at the checkout.
+json store(json steps, json device = json::object(), std::string host = "campaigns") {
+    json s = {
+        {"start", "2026-03-01T09:00:00Z"},
+        {"host", host},
+        {"bundle",
+         {{"Info.plist", {{"NSLocationAlwaysUsageDescription", "offers"}}},
+          {"Lurewave.plist",
+           {{"LWKitURL", "{server}/campaigns"}, {"LWAPIToken", "lw"}, {"ZWKitURL", "{server}/kit"},
+            {"ZWAPIToken", "zw"}, {"ZWAnalyticsURL", "{server}/analytics"}}},
+          {"Zonewise.plist",
+           {{"ZWKitURL", "{server}/kit"}, {"ZWAPIToken", "zw"}, {"ZWAnalyticsURL", "{server}/analytics"}}}}},
+        {"server",
+         {{"kit",
+           {{"kit",
+             {{"id", 17},
+              {"status_url", "{server}/status"},
+              {"status_token", "st"},
+              {"map",
+               {{"overlays",
+                 {{{"type", "circle"}, {"identifier", "lot"}, {"name", "Car park"}, {"center", {40.0, -75.0}},
+                   {"radius", 30}, {"attributes", {{"lw_place_ids", "[7]"}}}}}}}},
+              {"ibeacons",
+               {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"identifier", "door"}, {"name", "Door"},
+                 {"attributes", {{"lw_place_ids", "[7]"}}}},
+                {{"uuid", kU}, {"major", 1}, {"minor", 3}, {"identifier", "checkout"}, {"name", "Checkout"},
+                 {"attributes", {{"lw_place_ids", "[9]"}}}}}}}}}},
+          {"campaigns",
+           {{"kits", {{{"id", 17}, {"configuration", {{"ios_tokens_url", "{server}/tokens"}}}}}},
+            {"linked",
+             {{"contents", {{{"id", 5}, {"alert_title", "20% off"}, {"alert_message", "Today only"}}}},
+              {"campaigns",
+               {{{"id", "c1"}, {"start_at", "2026-03-01T08:00:00.000+0000"},
+                 {"end_at", "2026-03-02T08:00:00.000+0000"}, {"trigger_distance", 2.0},
+                 {"links", {{"content", 5}, {"places", {7}}, {"fulfillment_places", {9}}}}}}}}}}}}},
+        {"device", device},
+        {"steps", steps}};
+    return s;
+}
+
+json door() { return {{"uuid", kU}, {"major", 1}, {"minor", 1}, {"identifier", "door"}}; }
+json beacon(int minor, double accuracy) {
+    return {{"uuid", kU}, {"major", 1}, {"minor", minor}, {"proximity", 2}, {"accuracy", accuracy}, {"rssi", -60}};
+}
+
+}  // namespace
+
+TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
+    json steps = json::array({
+        {{"at", 0}, {"call", "start"}},
+        {{"at", 1}, {"call", "setPartnerIdentifier"}, {"value", "p-1"}},
+        {{"at", 1}, {"call", "logLevel"}, {"value", 7}},
+        {{"at", 2}, {"enter", door()}},
+        {{"at", 3}, {"range", door()}, {"beacons", {beacon(1, 2.5)}}},
+        {{"at", 4}, {"range", door()}, {"beacons", {beacon(1, 1.5)}}},
+        {{"at", 5}, {"call", "setCampaignViewed"}, {"campaign", "c1"}},
+        {{"at", 5}, {"call", "setCampaignViewed"}, {"campaign", "nope"}},
+        {{"at", 6}, {"range", {{"uuid", kU}, {"major", 1}, {"minor", 3}}}, {"beacons", {beacon(3, 4.0)}}},
+        {{"at", 7}, {"call", "setCampaignFulfilled"}, {"campaign", "c1"}, {"place", {{"id", 9}, {"name", "n"}, {"type", 0}}}},
+        {{"at", 7}, {"state", {{"identifier", "lot"}, {"center", {40.0, -75.0}}, {"radius", 30}}}, {"value", 1}},
+        {{"at", 8}, {"exit", door()}},
+        {{"at", 9}, {"fail", {{"domain", "kCLErrorDomain"}, {"code", 1}}}},
+        {{"at", 9}, {"rangingFail", door()}, {"error", {{"domain", "kCLErrorDomain"}, {"code", 16}}}},
+        {{"at", 9}, {"monitoringFail", door()}, {"error", {{"domain", "kCLErrorDomain"}, {"code", 4}}}},
+        {{"at", 10}, {"location", {40.5, -75.25}}},
+        {{"at", 10}, {"call", "getLat"}},
+        {{"at", 10}, {"call", "getLng"}},
+        {{"at", 11}, {"call", "registerDeviceToken"}, {"hex", "0a1b2c"}},
+        {{"at", 11}, {"deviceToken", "0a1b2c"}},
+        {{"at", 12}, {"call", "deregisterDeviceToken"}},
+        {{"at", 13}, {"call", "showCampaignAlert"}, {"campaign", "c1"}},
+        {{"at", 13}, {"alertButton", 1}},
+        {{"at", 14}, {"push", {{"aps", {{"content-available", 1}}}}}},
+        {{"at", 15}, {"call", "remoteNotification"}, {"userInfo", json::object()}},
+        {{"at", 16}, {"call", "syncWithCompletionHandler"}},
+        {{"at", 17}, {"call", "postEvent"}, {"type", "custom"}, {"details", {{"k", 1}}}},
+        {{"at", 18}, {"call", "foundCampaigns"}},
+        {{"at", 18}, {"call", "activeCampaigns"}},
+        {{"at", 19}, {"applicationState", "background"}},
+        {{"at", 19}, {"enter", door()}},
+        {{"at", 20}, {"expireBackgroundTask", "Lurewave:ExtendedRanging"}},
+        {{"at", 21}, {"call", "resignActive"}},
+        {{"at", 22}, {"authorization", 2}},
+        {{"at", 23}, {"pass", {{{"enter", door()}}, {{"enter", door()}}}}},
+        {{"at", 24}, {"call", "sync"}},
+        {{"at", 25}, {"call", "stop"}},
+        {{"at", 26}, {"call", "destroy"}},
+        {{"at", 27}, {"call", "create"}},
+        {{"at", 28}, {"call", "foundCampaigns"}},
+    });
+    auto r = run(store(steps, {{"secondListener", true}, {"hostAppDelegate", {"legacy", "token"}}}).dump());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(r.err.empty()) << r.err;
+    for (const auto& l : r.trace) {
+        ASSERT_TRUE(l.contains("t") && l.contains("type")) << l;
+    }
+    std::set<std::string> types;
+    for (const auto& l : r.trace) types.insert(l["type"]);
+    EXPECT_EQ(types, (std::set<std::string>{"app", "delegate", "forwarded", "location", "log",
+                                            "notification", "result", "server"}));
+
+    // Found at 1.5 m (not 2.5 m), viewed, fulfilled; the host schedules the notification. Without a
+    // recurrence it is found again when the car park's state says inside (a geofence is near).
+    auto found = r.where("delegate", "name", "lurewave:didFindCampaign:");
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0]["t"], 4);
+    EXPECT_EQ(found[1]["t"], 7);
+    EXPECT_EQ(found[0]["campaign"]["foundAt"], json({{"id", 7}, {"name", "Door"}, {"type", 0}}));
+    auto scheduled = r.where("app", "call", "scheduleLocalNotification");
+    ASSERT_EQ(scheduled.size(), 2u);
+    EXPECT_EQ(scheduled[0]["body"], "20%% off");
+    EXPECT_EQ(scheduled[0]["userInfo"], json({{"campaignId", "c1"}}));
+    auto viewed = r.where("result", "call", "setCampaignViewed");
+    ASSERT_EQ(viewed.size(), 2u);
+    EXPECT_EQ(viewed[0]["value"]["viewCount"], 1);
+    EXPECT_TRUE(viewed[1]["value"].is_null()) << "no campaign of that id";
+    EXPECT_TRUE(r.where("result", "call", "setCampaignFulfilled")[0]["value"]["fulfilled"].get<bool>())
+        << "already fulfilled at the checkout";
+    auto places = r.where("delegate", "name", "lurewave:didDetectPlace:onEvent:");
+    EXPECT_EQ(places.front()["event"], 1);
+    EXPECT_EQ(places.front()["place"]["id"], 7);
+
+    // Background tasks, the alert and its completion, results of calls.
+    auto begun = r.where("app", "call", "beginBackgroundTask");
+    ASSERT_FALSE(begun.empty());
+    EXPECT_EQ(begun[0]["name"], "Lurewave:ExtendedRanging");
+    EXPECT_FALSE(r.where("app", "call", "endBackgroundTask").empty());
+    auto alert = r.where("app", "call", "showAlert");
+    ASSERT_EQ(alert.size(), 1u);
+    EXPECT_EQ(alert[0]["buttons"], json({"Cancel", "View Details"}));
+    EXPECT_EQ(r.where("result", "call", "alertCompletion")[0]["value"], "c1");
+    EXPECT_EQ(r.where("result", "call", "getLat")[0]["value"], "40.500000");
+    EXPECT_EQ(r.where("result", "call", "getLng")[0]["value"], "-75.250000");
+    EXPECT_EQ(r.where("result", "call", "remoteNotification")[0]["value"], 0) << "a place 13 s ago";
+    EXPECT_EQ(r.where("result", "call", "push")[0]["value"], 0);
+    EXPECT_FALSE(r.where("result", "call", "syncWithCompletionHandler").empty());
+    EXPECT_EQ(r.where("result", "call", "foundCampaigns")[0]["value"], json({"c1"}));
+    EXPECT_EQ(r.where("result", "call", "activeCampaigns")[0]["value"], json({"c1"}));
+    EXPECT_EQ(r.where("result", "call", "foundCampaigns")[1]["value"], json({"c1"}))
+        << "restored by the manager created again";
+    auto hosted = r.where("app", "call", "hostDelegate");
+    std::vector<std::string> hostCalls;
+    for (const auto& h : hosted) hostCalls.push_back(h["name"]);
+    EXPECT_EQ(hostCalls, (std::vector<std::string>{"token", "legacy"}));
+
+    // The proximity layer's notifications and the analytics event, and what reached the listener.
+    auto events = r.where("notification", "name", "QZWManagerDidTriggerAnalyticsEvent");
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events[0]["userInfo"]["QZWAnalyticsEventType"], "lurewave_events");
+    auto ranged = r.where("notification", "name", "QZWManagerDidRangeBeaconsInRegion");
+    ASSERT_FALSE(ranged.empty());
+    EXPECT_EQ(ranged[0]["userInfo"]["QZWEvent"], 4);
+    EXPECT_EQ(ranged[0]["userInfo"]["QZWIBeacons"][0]["class"], "QZWBeacon");
+    EXPECT_EQ(ranged[0]["userInfo"]["QZWIBeacons"][0]["accuracy"], 2.5);
+    auto state = r.where("notification", "name", "QZWManagerDidDetermineStateForRegion");
+    ASSERT_EQ(state.size(), 1u);
+    EXPECT_EQ(state[0]["userInfo"]["QZWRegionState"], 1);
+    EXPECT_EQ(state[0]["userInfo"]["QZWRegion"]["class"], "QZWCircle");
+    auto enters = r.where("notification", "name", "QZWManagerDidEnterRegion");
+    EXPECT_EQ(r.where("forwarded", "call", "locationManager:didEnterRegion:").size(), 4u);
+    EXPECT_EQ(enters.size(), 3u) << "two entries in one pass make one notification";
+    EXPECT_FALSE(r.where("forwarded", "call", "locationManager:didChangeAuthorizationStatus:").empty());
+    EXPECT_FALSE(r.where("forwarded", "call", "locationManager:monitoringDidFailForRegion:withError:").empty());
+    EXPECT_FALSE(r.where("delegate", "name", "lurewave:didFailWithError:").empty());
+
+    // The location manager calls, the console and the server.
+    auto monitor = r.where("location", "call", "startMonitoringForRegion");
+    ASSERT_FALSE(monitor.empty());
+    EXPECT_EQ(monitor[0]["region"], json({{"class", "circle"}, {"identifier", "lot"}, {"latitude", 40.0},
+                                          {"longitude", -75.0}, {"radius", 30.0}}));
+    EXPECT_FALSE(r.where("location", "call", "stopMonitoringForRegion").empty());
+    EXPECT_FALSE(r.where("log", "line", "Lurewave: Sync completed.").empty());
+    EXPECT_FALSE(r.where("log", "line", "Zonewise[Debug] Monitoring Geofence Circle Car park").empty());
+    auto tokens = r.where("server", "path", "/tokens");
+    ASSERT_EQ(tokens.size(), 2u);
+    EXPECT_EQ(tokens[0]["method"], "POST");
+    EXPECT_EQ(tokens[0]["body"], "{\"ios_token\":\"0a1b2c\"}");
+    EXPECT_EQ(tokens[0]["headers"]["X-LW-FrameworkVersion"], "0.2.1");
+    EXPECT_EQ(tokens[1]["method"], "DELETE");
+}
+
+TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
+    json steps = json::array({
+        {{"at", 0}, {"call", "start"}},
+        {{"at", 1},
+         {"walk",
+          {{"origin", {40.0, -75.0}},
+           {"beacons", {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", {40, 0}}, {"measuredPower", -59}}}},
+           {"path", {{-60, 0, 0}, {40, 0.5, 60}, {90, 0, 100}}}}}},
+        {{"at", 2}, {"call", "sync"}},  // registers again: the walk answers the state request
+    });
+    json s = store(steps, json::object(), "proximity");
+    s["until"] = 200;
+    TempDir docs;
+    auto r = run(s.dump(), {"--json", "--documents", docs.path(), "--svg", docs.file("map.svg")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto names = [&](const std::string& n) { return r.where("delegate", "name", n).size(); };
+    EXPECT_EQ(names("zonewiseDidSync:"), 2u);
+    EXPECT_EQ(names("zonewise:didEnter:"), 2u) << "the car park, then the door";
+    EXPECT_EQ(names("zonewise:didExit:"), 2u);
+    EXPECT_GT(names("zonewise:didRangeBeacons:inRegion:"), 20u);
+    auto state = r.where("delegate", "name", "zonewise:didDetermineState:forRegion:");
+    ASSERT_EQ(state.size(), 1u) << "the state request made during the walk is answered";
+    EXPECT_EQ(state[0]["state"], 2) << "still outside the car park";
+    auto range = r.where("delegate", "name", "zonewise:didRangeBeacons:inRegion:");
+    double nearest = 99;
+    for (const auto& l : range) nearest = std::min(nearest, l["beacons"][0]["accuracy"].get<double>());
+    EXPECT_LT(nearest, 1.5) << "passing within half a metre";
+    EXPECT_FALSE(r.where("server", "path", "/analytics").empty());
+    EXPECT_FALSE(r.where("server", "path", "/status").empty());
+    EXPECT_TRUE(quenby::test::readFile(docs.file("ZonewiseAnalytics.sqlite")));
+    EXPECT_NE(quenby::test::readFile(docs.file("map.svg")).value_or("").find("<polyline"), std::string::npos);
+
+    // The same run as a readable timeline ends with a summary.
+    auto readable = run(s.dump(), {});
+    EXPECT_EQ(readable.status, 0);
+    EXPECT_NE(readable.out.find("zonewise:didEnter: door \"Door\""), std::string::npos);
+    EXPECT_NE(readable.out.find("Summary"), std::string::npos);
+}
+
+TEST(LurewaveSim, MissingLocationUsageEndsWithTheException) {
+    json s = store(json::array({{{"at", 0}, {"call", "start"}}}));
+    s["bundle"].erase("Info.plist");
+    auto r = run(s.dump());
+    EXPECT_EQ(r.status, 3);
+    auto e = r.of("exception");
+    ASSERT_EQ(e.size(), 1u);
+    EXPECT_EQ(e[0]["name"], "Missing info.plist key");
+    EXPECT_EQ(e[0]["reason"],
+              "You must add either the NSLocationAlwaysUsageDescription or "
+              "NSLocationWhenInUseUsageDescription keys to your info.plist file.");
+}
+
+TEST(LurewaveSim, MalformedScenariosAreRejectedBeforeAnythingRuns) {
+    auto step = [](json s) { return json{{"steps", json::array({{{"at", 0}, {"call", "start"}}, s})}}; };
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"{not json", "not JSON"},
+        {json{{"stpes", json::array()}}.dump(), "unknown key \"stpes\""},
+        {json{{"device", {{"vendorId", "not-a-uuid"}}}}.dump(), "\"vendorId\" must be a UUID"},
+        {json{{"device", {{"authorization", "3"}}}}.dump(), "\"authorization\" must be an integer"},
+        {step({{"at", 5}, {"jump", 1}}).dump(), "step 1 (at 5): unknown action \"jump\""},
+        {step({{"at", 5}, {"call", "dance"}}).dump(), "step 1 (at 5): unknown call \"dance\""},
+        {step({{"at", -1}, {"call", "stop"}}).dump(), "step 1 (at -1): time goes back"},
+        {step({{"at", 5}, {"enter", {{"uuid", kU}, {"minor", 2}}}}).dump(), "step 1 (at 5)"},
+        {step({{"at", 5}, {"range", door()}, {"beacons", {{{"uuid", kU}}}}}).dump(), "step 1 (at 5)"},
+        {step({{"at", 5}, {"call", "registerDeviceToken"}, {"hex", "abc"}}).dump(), "step 1 (at 5)"},
+        {step({{"at", "5"}, {"call", "stop"}}).dump(), "step 1 (at \"5\")"},
+        {json{{"host", "proximity"}, {"steps", {{{"at", 0}, {"call", "foundCampaigns"}}}}}.dump(),
+         "step 0 (at 0): call \"foundCampaigns\" needs the campaigns host"},
+    };
+    for (const auto& [scenario, message] : cases) {
+        auto r = run(scenario);
+        EXPECT_EQ(r.status, 2) << scenario;
+        EXPECT_TRUE(r.out.empty()) << "no trace for " << scenario;
+        EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one message: " << r.err;
+    }
+}

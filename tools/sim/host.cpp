@@ -1,0 +1,625 @@
+#include "sim/host.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include <fmt/format.h>
+
+#include "campaigns/LWAppDelegate.h"
+#include "campaigns/LWCampaignAlertView.h"
+#include "campaigns/LWManager.h"
+#include "platform/console.h"
+#include "platform/plist.h"
+#include "proximity/QZWAnalyticsEvent.h"
+#include "proximity/QZWManager.h"
+#include "proximity/QZWNotifications.h"
+
+namespace sim {
+
+using quenby::platform::Application;
+using quenby::platform::ApplicationDelegate;
+using quenby::platform::Beacon;
+using quenby::platform::BeaconRegion;
+using quenby::platform::CircularRegion;
+using quenby::platform::Error;
+using quenby::platform::LocationManager;
+using quenby::platform::Region;
+using quenby::platform::UUID;
+
+namespace {
+
+OrderedJson beaconsJson(const std::vector<std::shared_ptr<const QZWBeacon>>& beacons) {
+    OrderedJson a = OrderedJson::array();
+    for (const auto& b : beacons) a.push_back(regionJson(*b));
+    return a;
+}
+
+Error errorOf(const Json& e) {
+    long code = e["code"].get<long>();
+    std::string domain = e["domain"];
+    return Error{domain, code, e.value("description", fmt::format("{} error {}", domain, code))};
+}
+
+Beacon beaconOf(const Json& b) {
+    return Beacon{*UUID::parse(b["uuid"].get<std::string>()), b["major"].get<int>(),
+                  b["minor"].get<int>(), b.value("proximity", std::int64_t{2}),
+                  b.value("accuracy", 1.0), b.value("rssi", -60L)};
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The host's listeners, each tracing what reached it.
+
+class Host::Delegates {
+public:
+    explicit Delegates(Trace& trace) : trace(trace) {}
+    Trace& trace;
+
+    void delegate(const char* name, OrderedJson fields = OrderedJson::object()) {
+        OrderedJson f;
+        f["name"] = name;
+        for (const auto& [k, v] : fields.items()) f[k] = v;
+        trace.add("delegate", f);
+    }
+
+    struct Proximity : QZWManagerDelegate {
+        Delegates* d;
+        void zonewiseDidSync(QZWManager&) override { d->delegate("zonewiseDidSync:"); }
+        void zonewiseDidEnter(QZWManager&, const std::shared_ptr<const QZWRegion>& r) override {
+            d->delegate("zonewise:didEnter:", {{"region", regionJson(*r)}});
+        }
+        void zonewiseDidExit(QZWManager&, const std::shared_ptr<const QZWRegion>& r) override {
+            d->delegate("zonewise:didExit:", {{"region", regionJson(*r)}});
+        }
+        void zonewiseDidDetermineStateForRegion(QZWManager&, std::int64_t s,
+                                                const std::shared_ptr<const QZWRegion>& r) override {
+            d->delegate("zonewise:didDetermineState:forRegion:", {{"state", s}, {"region", regionJson(*r)}});
+        }
+        void zonewiseDidRangeBeaconsInRegion(QZWManager&,
+                                             const std::vector<std::shared_ptr<const QZWBeacon>>& b,
+                                             const std::shared_ptr<const QZWBeaconRegion>& r) override {
+            d->delegate("zonewise:didRangeBeacons:inRegion:",
+                        {{"beacons", beaconsJson(b)}, {"region", regionJson(*r)}});
+        }
+        void zonewiseDidFailWithError(QZWManager&, const Error& e) override {
+            d->delegate("zonewise:didFailWithError:", {{"error", errorJson(e)}});
+        }
+    };
+
+    struct Campaigns : LWManagerDelegate {
+        Delegates* d;
+        std::function<void(const std::shared_ptr<LWCampaign>&)> onFind;
+        void lurewaveDidFindCampaign(LWManager&, const std::shared_ptr<LWCampaign>& c) override {
+            d->delegate("lurewave:didFindCampaign:", {{"campaign", campaignJson(*c)}});
+            if (onFind) onFind(c);
+        }
+        void lurewaveDidDetectPlaceOnEvent(LWManager&, const std::shared_ptr<const LWPlace>& p,
+                                           int event) override {
+            d->delegate("lurewave:didDetectPlace:onEvent:", {{"place", placeJson(*p)}, {"event", event}});
+        }
+        void lurewaveDidSync(LWManager&) override { d->delegate("lurewaveDidSync:"); }
+        void lurewaveDidFailWithError(LWManager&, const Error& e) override {
+            d->delegate("lurewave:didFailWithError:", {{"error", errorJson(e)}});
+        }
+    };
+
+    struct SecondListener : quenby::platform::LocationManagerDelegate {
+        Delegates* d;
+        void forwarded(const char* call, const std::shared_ptr<const Region>& r = nullptr) {
+            OrderedJson f;
+            f["call"] = call;
+            if (r) f["region"] = platformRegionJson(*r);
+            d->trace.add("forwarded", f);
+        }
+        void locationManagerDidUpdateLocations(LocationManager&,
+                                               const std::vector<quenby::platform::Location>&) override {
+            forwarded("locationManager:didUpdateLocations:");
+        }
+        void locationManagerDidDetermineStateForRegion(LocationManager&, std::int64_t,
+                                                       const std::shared_ptr<const Region>& r) override {
+            forwarded("locationManager:didDetermineState:forRegion:", r);
+        }
+        void locationManagerDidRangeBeaconsInRegion(LocationManager&, const std::vector<Beacon>&,
+                                                    const std::shared_ptr<const BeaconRegion>& r) override {
+            forwarded("locationManager:didRangeBeacons:inRegion:", r);
+        }
+        void locationManagerRangingBeaconsDidFailForRegionWithError(
+            LocationManager&, const std::shared_ptr<const BeaconRegion>& r, const Error&) override {
+            forwarded("locationManager:rangingBeaconsDidFailForRegion:withError:", r);
+        }
+        void locationManagerDidEnterRegion(LocationManager&, const std::shared_ptr<const Region>& r) override {
+            forwarded("locationManager:didEnterRegion:", r);
+        }
+        void locationManagerDidExitRegion(LocationManager&, const std::shared_ptr<const Region>& r) override {
+            forwarded("locationManager:didExitRegion:", r);
+        }
+        void locationManagerDidFailWithError(LocationManager*, const Error&) override {
+            forwarded("locationManager:didFailWithError:");
+        }
+        void locationManagerMonitoringDidFailForRegionWithError(LocationManager&,
+                                                                const std::shared_ptr<const Region>& r,
+                                                                const Error&) override {
+            forwarded("locationManager:monitoringDidFailForRegion:withError:", r);
+        }
+        void locationManagerDidChangeAuthorizationStatus(LocationManager&, int) override {
+            forwarded("locationManager:didChangeAuthorizationStatus:");
+        }
+    };
+
+    struct HostAppDelegate : ApplicationDelegate {
+        Delegates* d;
+        std::set<std::string> implemented;
+        bool respondsTo(Callback c) const override {
+            switch (c) {
+                case Callback::DidReceiveRemoteNotificationFetchCompletionHandler:
+                    return implemented.count("fetch") != 0;
+                case Callback::DidReceiveRemoteNotification: return implemented.count("legacy") != 0;
+                case Callback::DidRegisterForRemoteNotificationsWithDeviceToken:
+                    return implemented.count("token") != 0;
+                default: return false;
+            }
+        }
+        std::string className() const override { return "SimulatorAppDelegate"; }
+        void ran(const char* name) {
+            OrderedJson f;
+            f["call"] = "hostDelegate";
+            f["name"] = name;
+            d->trace.add("app", f);
+        }
+        void applicationDidRegisterForRemoteNotificationsWithDeviceToken(
+            Application&, const quenby::platform::Bytes&) override {
+            ran("token");
+        }
+        void applicationDidReceiveRemoteNotification(Application&, const Json&) override { ran("legacy"); }
+        void applicationDidReceiveRemoteNotificationFetchCompletionHandler(Application&, const Json&,
+                                                                           FetchCompletion done) override {
+            ran("fetch");
+            if (done) done(quenby::platform::kFetchResultNoData);
+        }
+    };
+
+    std::shared_ptr<Proximity> proximity = std::make_shared<Proximity>();
+    std::shared_ptr<Campaigns> campaigns = std::make_shared<Campaigns>();
+    std::shared_ptr<SecondListener> second = std::make_shared<SecondListener>();
+    std::shared_ptr<HostAppDelegate> app = std::make_shared<HostAppDelegate>();
+    std::vector<quenby::platform::NotificationCenter::ObserverId> observers;
+};
+
+// ---------------------------------------------------------------------------------------------
+
+Host::Host(Scenario scenario, RunOptions options)
+    : scenario_(std::move(scenario)), options_(std::move(options)) {}
+
+Host::~Host() {
+    campaigns_.reset();
+    zonewise_.reset();
+    if (platform_) platform_->scheduler->settle();
+    quenby::platform::setConsoleSink(nullptr);
+    if (delegates_) {
+        for (auto id : delegates_->observers) quenby::platform::NotificationCenter::defaultCenter().removeObserver(id);
+    }
+    std::error_code ec;
+    if (!bundle_.empty()) std::filesystem::remove_all(bundle_, ec);
+}
+
+void Host::setUp() {
+    std::string tmp = std::filesystem::temp_directory_path().string();
+    if (options_.documents) {
+        documents_ = *options_.documents;
+        std::filesystem::create_directories(documents_);
+    } else {
+        std::string t = tmp + "/lurewave-sim-XXXXXX";
+        if (!mkdtemp(t.data())) throw std::runtime_error("cannot make a documents directory");
+        documents_ = t;
+    }
+    std::string b = tmp + "/lurewave-sim-bundle-XXXXXX";
+    if (!mkdtemp(b.data())) throw std::runtime_error("cannot make a bundle directory");
+    bundle_ = b;
+
+    quenby::platform::Platform::Options o;
+    o.applicationId = "lurewave-sim";
+    o.documentsDirectory = documents_;
+    o.bundleDirectory = bundle_;
+    o.clock = std::make_shared<quenby::platform::VirtualClock>(
+        quenby::platform::Date::fromSecondsSince1970(scenario_.start));
+    o.device = std::make_shared<quenby::platform::FixedDeviceInfo>(
+        scenario_.device.vendorId ? UUID::parse(*scenario_.device.vendorId) : std::nullopt);
+    platform_ = quenby::platform::Platform::create(std::move(o));
+    trace_ = std::make_unique<Trace>(platform_->scheduler,
+                                     quenby::platform::Date::fromSecondsSince1970(scenario_.start),
+                                     options_.json);
+    trace_->note("documents: " + documents_);
+
+    // The embedded server first: its address goes into every "{server}" of the scenario.
+    if (scenario_.server) {
+        server_ = std::make_unique<OperatorServer>(std::nullopt, std::nullopt, 0, [this](const ServedRequest& r) {
+            OrderedJson f, headers = OrderedJson::object();
+            for (const auto& [k, v] : r.headers) headers[k] = v;
+            f["method"] = r.method;
+            f["path"] = r.target;
+            f["headers"] = headers;
+            f["body"] = r.body;
+            trace_->add("server", f);
+        });
+        Json s = *scenario_.server;
+        substituteServer(s, server_->baseUrl());
+        if (s.contains("kit")) server_->setKit(s["kit"]);
+        if (s.contains("campaigns")) server_->setCampaigns(s["campaigns"]);
+        substituteServer(scenario_.bundle, server_->baseUrl());
+        for (auto& step : scenario_.steps) substituteServer(step.action, server_->baseUrl());
+    }
+    for (const auto& [name, contents] : scenario_.bundle.items()) {
+        std::ofstream(bundle_ + "/" + name) << quenby::platform::toXmlPropertyList(contents);
+    }
+
+    // The device.
+    auto& location = *platform_->location;
+    location.setAuthorizationStatus(scenario_.device.authorization);
+    auto caps = location.capabilities();
+    caps.monitoringAvailable = scenario_.device.monitoringAvailable;
+    caps.regionMonitoringAvailable = scenario_.device.monitoringAvailable;
+    caps.rangingAvailable = scenario_.device.rangingAvailable;
+    location.setCapabilities(caps);
+    const std::string& state = scenario_.device.applicationState;
+    platform_->application->setApplicationState(
+        state == "active" ? quenby::platform::ApplicationState::Active
+        : state == "inactive" ? quenby::platform::ApplicationState::Inactive
+                              : quenby::platform::ApplicationState::Background);
+
+    // What the host hears and sees.
+    quenby::platform::setConsoleSink([this](std::string_view line) {
+        OrderedJson f;
+        f["line"] = std::string(line);
+        trace_->add("log", f);
+    });
+    location.setCallObserver([this](const quenby::platform::LocationService::Call& c) {
+        OrderedJson f;
+        f["call"] = c.name;
+        if (c.region) f["region"] = platformRegionJson(*c.region);
+        trace_->add("location", f);
+        // A walk answers state requests from where the device is.
+        if (c.name == "requestStateForRegion" && walk_ && walk_->running()) {
+            auto walk = walk_;
+            auto region = c.region;
+            platform_->scheduler->postToMain([walk, region] { walk->answerStateRequest(region); });
+        }
+    });
+    platform_->application->setCallObserver([this](const Application::Call& c) {
+        OrderedJson f;
+        f["call"] = c.name;
+        if (c.name == "beginBackgroundTask" || c.name == "endBackgroundTask") {
+            f["name"] = c.detail;
+            f["id"] = c.task;
+        } else if (c.name == "scheduleLocalNotification") {
+            auto n = platform_->application->presentedNotifications().back();
+            f["action"] = n.alertAction;
+            f["body"] = n.alertBody;
+            f["userInfo"] = n.userInfo;
+            f["sound"] = n.soundName;
+        } else if (c.name == "showAlert") {
+            auto a = platform_->application->visibleAlerts().back();
+            f["title"] = a.title;
+            f["message"] = a.message;
+            f["buttons"] = a.buttons;
+        }
+        trace_->add("app", f);
+    });
+
+    delegates_ = std::make_shared<Delegates>(*trace_);
+    delegates_->proximity->d = delegates_.get();
+    delegates_->campaigns->d = delegates_.get();
+    delegates_->second->d = delegates_.get();
+    delegates_->app->d = delegates_.get();
+    delegates_->app->implemented = scenario_.device.hostAppDelegate;
+    // The host shows every campaign it is told was found.
+    delegates_->campaigns->onFind = [this](const std::shared_ptr<LWCampaign>& c) {
+        platform_->application->presentLocalNotificationNow(c->buildLocalNotification());
+        if (walk_) {
+            auto [x, y] = walk_->positionAt(platform_->scheduler->now().timeIntervalSince1970() -
+                                            walk_->startedAt());
+            finds_.push_back({{"campaign", c->id()}, {"x", x}, {"y", y}});
+        }
+    };
+    platform_->application->setDelegate(delegates_->app);
+    for (const char* name :
+         {QZWManagerDidEnterRegionNotification, QZWManagerDidExitRegionNotification,
+          QZWManagerDidDetermineStateForRegionNotification, QZWManagerDidRangeBeaconsInRegionNotification,
+          QZWManagerDidTriggerAnalyticsEvent}) {
+        delegates_->observers.push_back(quenby::platform::NotificationCenter::defaultCenter().addObserver(
+            name, nullptr, [this](const quenby::platform::Notification& n) {
+                OrderedJson info = OrderedJson::object();
+                if (auto* e = n.userInfo.get<int>(QZWManagerNotificationEventKey)) info["QZWEvent"] = *e;
+                if (auto* r = n.userInfo.get<std::shared_ptr<const QZWRegion>>(QZWManagerNotificationRegionKey)) {
+                    info["QZWRegion"] = regionJson(**r);
+                }
+                if (auto* s = n.userInfo.get<std::int64_t>(QZWManagerNotificationRegionStateKey)) {
+                    info["QZWRegionState"] = *s;
+                }
+                if (auto* b = n.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(
+                        QZWManagerNotificationBeaconsKey)) {
+                    info["QZWIBeacons"] = beaconsJson(*b);
+                }
+                if (auto* t = n.userInfo.get<std::string>(QZWManagerNotificationAnalyticsEventTypeKey)) {
+                    info["QZWAnalyticsEventType"] = *t;
+                }
+                if (auto* d = n.userInfo.get<Json>(QZWManagerNotificationAnalyticsEventDetailsKey)) {
+                    info["QZWAnalyticsEventDetails"] = *d;
+                }
+                OrderedJson f;
+                f["name"] = n.name;
+                f["userInfo"] = info;
+                trace_->add("notification", f);
+            }));
+    }
+}
+
+bool Host::createManager() {
+    try {
+        if (scenario_.host == "campaigns") {
+            campaigns_ = LWManager::managerWithDelegate(platform_, delegates_->campaigns);
+            // The proxy sits over the host's own application delegate.
+            platform_->application->setDelegate(delegates_->app);
+            proxy_ = LWAppDelegate::initWithManager(*platform_->application, campaigns_);
+        } else {
+            zonewise_ = QZWManager::managerWithDelegate(platform_, delegates_->proximity);
+        }
+    } catch (const QZWException& e) {
+        OrderedJson f;
+        f["name"] = e.name();
+        f["reason"] = e.reason();
+        trace_->add("exception", f);
+        return false;
+    }
+    if (scenario_.device.secondListener) {
+        if (auto z = proximity()) z->setLocationManagerDelegate(delegates_->second);
+    }
+    return true;
+}
+
+std::shared_ptr<QZWManager> Host::proximity() const {
+    return campaigns_ ? campaigns_->zwManager() : zonewise_;
+}
+
+int Host::run() {
+    setUp();
+    if (!createManager()) return 3;
+    platform_->scheduler->settle();
+    auto& scheduler = *platform_->scheduler;
+    for (const auto& step : scenario_.steps) {
+        scheduler.advanceTo(quenby::platform::Date::fromSecondsSince1970(scenario_.start + step.at));
+        bool ok = true;
+        scheduler.performPass([&] {
+            if (step.action.contains("call") && step.action["call"] == "create") {
+                ok = createManager();
+            } else {
+                execute(step.action);
+            }
+        });
+        if (!ok) return 3;
+        scheduler.settle();
+    }
+    scheduler.advanceTo(quenby::platform::Date::fromSecondsSince1970(scenario_.start + scenario_.until));
+    scheduler.settle();
+    if (options_.svg) writeSvg(*options_.svg);
+    summarize();
+    return 0;
+}
+
+void Host::summarize() const {
+    trace_->note("");
+    trace_->note("Summary");
+    if (campaigns_) {
+        for (const auto& c : campaigns_->foundCampaigns()) {
+            trace_->note(fmt::format("  campaign {}: found at place {}, viewed {} time(s), {}", c->id(),
+                                     c->foundAt() ? std::to_string(c->foundAt()->id()) : "-",
+                                     c->viewCount(), c->fulfilled() ? "fulfilled" : "not fulfilled"));
+        }
+    }
+    std::map<std::string, int> received;
+    for (const auto& r : trace_->records("server")) {
+        received[r["method"].get<std::string>() + " " + r["path"].get<std::string>()]++;
+    }
+    for (const auto& [what, n] : received) trace_->note(fmt::format("  server received {} x{}", what, n));
+    trace_->note("  documents directory: " + documents_);
+}
+
+std::shared_ptr<const Region> Host::region(const Json& r) const {
+    if (r.contains("uuid")) {
+        std::optional<std::uint16_t> major, minor;
+        if (r.contains("major")) major = r["major"].get<std::uint16_t>();
+        if (r.contains("minor")) minor = r["minor"].get<std::uint16_t>();
+        std::string uuid = r["uuid"];
+        return std::make_shared<const BeaconRegion>(*UUID::parse(uuid), major, minor,
+                                                    r.value("identifier", uuid));
+    }
+    double lat = r.contains("center") ? r["center"][0].get<double>() : 0.0;
+    double lng = r.contains("center") ? r["center"][1].get<double>() : 0.0;
+    return std::make_shared<const CircularRegion>(lat, lng, r.value("radius", 100.0),
+                                                  r["identifier"].get<std::string>());
+}
+
+void Host::result(const std::string& call, const OrderedJson& value) {
+    OrderedJson f;
+    f["call"] = call;
+    f["value"] = value;
+    trace_->add("result", f);
+}
+
+void Host::execute(const Json& a) {
+    auto& location = *platform_->location;
+    auto& app = *platform_->application;
+    auto beaconRegion = [&](const Json& r) { return std::static_pointer_cast<const BeaconRegion>(region(r)); };
+    if (a.contains("call")) {
+        call(a);
+    } else if (a.contains("enter")) {
+        location.deliverEnter(region(a["enter"]));
+    } else if (a.contains("exit")) {
+        location.deliverExit(region(a["exit"]));
+    } else if (a.contains("state")) {
+        location.deliverState(region(a["state"]), a["value"].get<std::int64_t>());
+    } else if (a.contains("range")) {
+        std::vector<Beacon> beacons;
+        for (const auto& b : a["beacons"]) beacons.push_back(beaconOf(b));
+        location.deliverRanging(beaconRegion(a["range"]), beacons);
+    } else if (a.contains("fail")) {
+        location.deliverFailure(errorOf(a["fail"]));
+    } else if (a.contains("rangingFail")) {
+        location.deliverRangingFailure(beaconRegion(a["rangingFail"]), errorOf(a["error"]));
+    } else if (a.contains("monitoringFail")) {
+        location.deliverMonitoringFailure(region(a["monitoringFail"]), errorOf(a["error"]));
+    } else if (a.contains("authorization")) {
+        location.deliverAuthorizationChange(a["authorization"].get<int>());
+    } else if (a.contains("location")) {
+        location.deliverLocations({{a["location"][0].get<double>(), a["location"][1].get<double>()}});
+    } else if (a.contains("applicationState")) {
+        std::string s = a["applicationState"];
+        app.setApplicationState(s == "active"     ? quenby::platform::ApplicationState::Active
+                                : s == "inactive" ? quenby::platform::ApplicationState::Inactive
+                                                  : quenby::platform::ApplicationState::Background);
+    } else if (a.contains("expireBackgroundTask")) {
+        app.expireBackgroundTask(a["expireBackgroundTask"].get<std::string>());
+    } else if (a.contains("alertButton")) {
+        app.dismissAlert(a["alertButton"].get<int>());
+    } else if (a.contains("push")) {
+        app.deliverRemoteNotification(a["push"], [this](int r) { result("push", r); });
+    } else if (a.contains("deviceToken")) {
+        app.deliverDeviceToken(hexBytes(a["deviceToken"].get<std::string>()));
+    } else if (a.contains("walk")) {
+        walk_ = std::make_shared<Walk>(a["walk"], platform_->scheduler, platform_->location);
+        walk_->start();
+    } else if (a.contains("pass")) {
+        for (const auto& inner : a["pass"]) execute(inner);
+    }
+}
+
+void Host::call(const Json& a) {
+    std::string name = a["call"];
+    auto z = proximity();
+    auto idList = [](const std::vector<std::shared_ptr<LWCampaign>>& list) {
+        OrderedJson ids = OrderedJson::array();
+        for (const auto& c : list) ids.push_back(c->id());
+        return ids;
+    };
+    if (name == "destroy") {
+        if (proxy_) platform_->application->setDelegate(delegates_->app);
+        proxy_.reset();
+        campaigns_.reset();
+        zonewise_.reset();
+        return;
+    }
+    if (name == "postEvent") {
+        QZWAnalyticsEvent::postEventWithDetails(a["type"], a["details"]);
+        return;
+    }
+    if (name == "resignActive") {
+        platform_->application->deliverWillResignActive();
+        return;
+    }
+    if (!z) return;  // the host released its manager: nothing to call
+    if (name == "start") {
+        campaigns_ ? campaigns_->start() : z->start();
+    } else if (name == "stop") {
+        campaigns_ ? campaigns_->stop() : z->stop();
+    } else if (name == "sync") {
+        campaigns_ ? campaigns_->sync() : z->sync();
+    } else if (name == "syncWithCompletionHandler") {
+        auto report = [this](int r) { result("syncWithCompletionHandler", r); };
+        campaigns_ ? campaigns_->syncWithCompletionHandler(report) : z->syncWithCompletionHandler(report);
+    } else if (name == "setPartnerIdentifier") {
+        campaigns_ ? campaigns_->setPartnerIdentifier(a["value"]) : z->setPartnerIdentifier(a["value"]);
+    } else if (name == "logLevel") {
+        z->logLevel(a["value"].get<int>());
+    } else if (name == "getLat") {
+        result("getLat", z->getLat());
+    } else if (name == "getLng") {
+        result("getLng", z->getLng());
+    } else if (name == "foundCampaigns") {
+        result("foundCampaigns", idList(campaigns_->foundCampaigns()));
+    } else if (name == "activeCampaigns") {
+        result("activeCampaigns", idList(campaigns_->activeCampaigns()));
+    } else if (name == "setCampaignViewed" || name == "setCampaignFulfilled" || name == "showCampaignAlert") {
+        auto c = campaigns_->campaignWithId(a["campaign"]);
+        if (!c) {
+            result(name, nullptr);  // no campaign of that id: nothing else happens
+            return;
+        }
+        if (name == "setCampaignViewed") {
+            campaigns_->setCampaignViewed(c);
+            result(name, campaignJson(*c));
+        } else if (name == "setCampaignFulfilled") {
+            campaigns_->setCampaignFulfilledAtPlace(c, LWPlace::initWithDict(a["place"]));
+            result(name, campaignJson(*c));
+        } else {
+            LWCampaignAlertView::showWithCampaignAndCompletion(
+                *platform_->application, *c, [this, id = c->id()] { result("alertCompletion", id); });
+        }
+    } else if (name == "registerDeviceToken") {
+        campaigns_->registerDeviceToken(hexBytes(a["hex"]));
+    } else if (name == "deregisterDeviceToken") {
+        campaigns_->deregisterDeviceToken();
+    } else if (name == "remoteNotification") {
+        campaigns_->handleRemoteNotificationFetchCompletionHandler(
+            a["userInfo"], [this](int r) { result("remoteNotification", r); });
+    }
+}
+
+void Host::writeSvg(const std::string& path) const {
+    if (!walk_) return;
+    // Everything to draw, in metres east and north of the walk's origin.
+    struct Circle {
+        double x, y, r;
+        std::string id;
+    };
+    std::vector<Circle> fences;
+    if (auto z = proximity(); z && z->kit() && z->kit()->map()) {
+        for (const auto& c : z->kit()->map()->overlays()) {
+            auto [x, y] = walk_->toLocal(c->latitude(), c->longitude());
+            fences.push_back({x, y, c->radius(), c->identifier().value_or("")});
+        }
+    }
+    double minX = 0, maxX = 0, minY = 0, maxY = 0;
+    auto extend = [&](double x, double y, double r = 0) {
+        minX = std::min(minX, x - r);
+        maxX = std::max(maxX, x + r);
+        minY = std::min(minY, y - r);
+        maxY = std::max(maxY, y + r);
+    };
+    for (const auto& p : walk_->path()) extend(p.x, p.y);
+    for (const auto& b : walk_->beacons()) extend(b.x, b.y);
+    for (const auto& f : fences) extend(f.x, f.y, f.r);
+    double margin = 5, w = maxX - minX + 2 * margin, h = maxY - minY + 2 * margin;
+    double scale = 800.0 / std::max(w, h);
+    auto X = [&](double x) { return (x - minX + margin) * scale; };
+    auto Y = [&](double y) { return (maxY - y + margin) * scale; };  // north up
+    std::ofstream out(path);
+    out << fmt::format("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{:.0f}\" height=\"{:.0f}\">\n",
+                       w * scale, h * scale);
+    out << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
+    for (const auto& f : fences) {
+        out << fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"{:.1f}\" fill=\"#dbeafe\" stroke=\"#2563eb\"/>"
+                           "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\">{}</text>\n",
+                           X(f.x), Y(f.y), f.r * scale, X(f.x), Y(f.y), f.id);
+    }
+    out << "<polyline fill=\"none\" stroke=\"#111\" stroke-width=\"2\" points=\"";
+    for (const auto& p : walk_->path()) out << fmt::format("{:.1f},{:.1f} ", X(p.x), Y(p.y));
+    out << "\"/>\n";
+    for (const auto& b : walk_->beacons()) {
+        out << fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"5\" fill=\"#f59e0b\"/>"
+                           "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"11\">{}/{}</text>\n",
+                           X(b.x), Y(b.y), X(b.x) + 7, Y(b.y) - 7, b.major, b.minor);
+    }
+    for (const auto& f : finds_) {
+        double x = f["x"], y = f["y"];
+        out << fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"7\" fill=\"none\" stroke=\"#dc2626\" "
+                           "stroke-width=\"3\"/><text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\" "
+                           "fill=\"#dc2626\">found {}</text>\n",
+                           X(x), Y(y), X(x) + 9, Y(y) + 14, f["campaign"].get<std::string>());
+    }
+    out << "</svg>\n";
+}
+
+}  // namespace sim
