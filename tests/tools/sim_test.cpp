@@ -1,11 +1,17 @@
 // lurewave-sim from the outside: scenarios in, JSON Lines out.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+
+#include <httplib.h>
+
+#include <thread>
 
 #include <algorithm>
 #include <cstdlib>
 #include <set>
 
+#include "support/test_server.h"
 #include "support/test_support.h"
 
 using nlohmann::json;
@@ -316,4 +322,35 @@ TEST(LurewaveSim, MalformedScenariosAreRejectedBeforeAnythingRuns) {
         EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one message: " << r.err;
     }
+}
+
+TEST(LurewaveSim, ServeAnswersTheKitAndFeedAndPrintsEveryRequest) {
+    TempDir dir;
+    quenby::test::writeFile(dir.file("kit.json"), R"({"kit": {"id": 1}})");
+    quenby::test::writeFile(dir.file("feed.json"), R"({"kits": [{"id": 1}]})");
+    int port = quenby::test::refusedPort();
+    std::string cmd = std::string(QUENBY_SIM_TOOL) + " serve --kit " + dir.file("kit.json") +
+                      " --campaigns " + dir.file("feed.json") + " --port " + std::to_string(port) +
+                      " > " + dir.file("out") + " 2>&1 & echo $!";
+    FILE* p = popen(cmd.c_str(), "r");
+    int pid = 0;
+    ASSERT_EQ(fscanf(p, "%d", &pid), 1);
+    pclose(p);
+    httplib::Client client("127.0.0.1", port);
+    // The server process is starting: retry the connection, not a wait on the library.
+    auto kit = client.Get("/kit");
+    auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!kit && std::chrono::steady_clock::now() < give_up) kit = client.Get("/kit");
+    ASSERT_TRUE(kit);
+    EXPECT_EQ(json::parse(kit->body), json({{"kit", {{"id", 1}}}}));
+    EXPECT_EQ(json::parse(client.Get("/campaigns")->body), json({{"kits", {{{"id", 1}}}}}));
+    EXPECT_EQ(client.Post("/analytics", "{\"a\":1}", "application/json")->body, "{\"ok\":true}");
+    EXPECT_EQ(client.Delete("/tokens")->body, "{\"ok\":true}");
+    EXPECT_EQ(client.Get("/other")->status, 404);
+    kill(pid, SIGTERM);
+    for (int i = 0; i < 1000000 && kill(pid, 0) == 0; ++i) std::this_thread::yield();
+    std::string out = quenby::test::readFile(dir.file("out")).value_or("");
+    EXPECT_NE(out.find("POST /analytics"), std::string::npos) << out;
+    EXPECT_NE(out.find("\"a\": 1"), std::string::npos) << out;
+    EXPECT_NE(out.find("DELETE /tokens"), std::string::npos) << out;
 }
