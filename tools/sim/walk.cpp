@@ -12,17 +12,17 @@ namespace {
 constexpr double kMetresPerDegree = 111320.0;
 }
 
-Walk::Walk(const nlohmann::json& spec, std::shared_ptr<quenby::platform::Scheduler> scheduler,
+Walk::Walk(const nlohmann::json& description, std::shared_ptr<quenby::platform::Scheduler> scheduler,
            std::shared_ptr<quenby::platform::LocationService> location)
     : scheduler_(std::move(scheduler)), location_(std::move(location)) {
-    originLat_ = spec["origin"][0].get<double>();
-    originLng_ = spec["origin"][1].get<double>();
-    for (const auto& b : spec["beacons"]) {
+    originLat_ = description["origin"][0].get<double>();
+    originLng_ = description["origin"][1].get<double>();
+    for (const auto& b : description["beacons"]) {
         beacons_.push_back({*quenby::platform::UUID::parse(b["uuid"].get<std::string>()),
                             b["major"].get<int>(), b["minor"].get<int>(), b["at"][0].get<double>(),
                             b["at"][1].get<double>(), b.value("measuredPower", -59.0)});
     }
-    for (const auto& p : spec["path"]) {
+    for (const auto& p : description["path"]) {
         path_.push_back({p[0].get<double>(), p[1].get<double>(), p[2].get<double>()});
     }
 }

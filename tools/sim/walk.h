@@ -40,7 +40,7 @@ public:
     static constexpr double kExitAfter = 10.0;
     static constexpr unsigned kSeed = 20260301;
 
-    Walk(const nlohmann::json& spec, std::shared_ptr<quenby::platform::Scheduler> scheduler,
+    Walk(const nlohmann::json& description, std::shared_ptr<quenby::platform::Scheduler> scheduler,
          std::shared_ptr<quenby::platform::LocationService> location);
 
     // Starts ticking once a second from now until the path's last time.
