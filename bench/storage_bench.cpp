@@ -95,7 +95,9 @@ std::string serverUrl(const char* path) {
 
 }  // namespace
 
-std::string benchServerUrl(const char* path) { return serverUrl(path); }
+std::string benchServerUrl(const char* path) {
+    return serverUrl(path);
+}
 
 namespace {
 

@@ -11,13 +11,13 @@
 
 class LWAppDelegate : public quenby::platform::ApplicationDelegate,
                       public std::enable_shared_from_this<LWAppDelegate> {
-public:
+  public:
     using Callback = quenby::platform::ApplicationDelegate::Callback;
 
     // Keeps the application's current delegate as the original, installs itself, and holds the
     // manager weakly.
-    static std::shared_ptr<LWAppDelegate> initWithManager(quenby::platform::Application& application,
-                                                          std::shared_ptr<LWManager> manager);
+    static std::shared_ptr<LWAppDelegate> initWithManager(
+        quenby::platform::Application& application, std::shared_ptr<LWManager> manager);
 
     std::shared_ptr<quenby::platform::ApplicationDelegate> originalDelegate() const;
 
@@ -40,8 +40,8 @@ public:
         quenby::platform::Application& app, const quenby::platform::Error& e) override;
     void applicationDidReceiveRemoteNotification(quenby::platform::Application& app,
                                                  const quenby::platform::Json& info) override;
-    void applicationDidReceiveLocalNotification(quenby::platform::Application& app,
-                                                const quenby::platform::LocalNotification& n) override;
+    void applicationDidReceiveLocalNotification(
+        quenby::platform::Application& app, const quenby::platform::LocalNotification& n) override;
     void applicationPerformFetchWithCompletionHandler(quenby::platform::Application& app,
                                                       FetchCompletion done) override;
     void applicationDidFinishLaunching(quenby::platform::Application& app) override;
@@ -51,7 +51,7 @@ public:
     void applicationWillEnterForeground(quenby::platform::Application& app) override;
     void applicationWillTerminate(quenby::platform::Application& app) override;
 
-private:
+  private:
     LWAppDelegate() = default;
     // The original when it implements `c`.
     std::shared_ptr<quenby::platform::ApplicationDelegate> forwardee(Callback c) const;

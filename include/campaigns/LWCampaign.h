@@ -17,7 +17,7 @@
 #include "platform/platform.h"
 
 class LWCampaign : public std::enable_shared_from_this<LWCampaign> {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Date = quenby::platform::Date;
     using Contents = std::vector<std::shared_ptr<LWContent>>;
@@ -53,8 +53,8 @@ public:
     Json archive() const;
     // Nothing when `archive` is not an archived campaign. A "content" that is plain text (the
     // older layout) becomes a content of that body, with "message" and "title" as its alert.
-    static std::shared_ptr<LWCampaign> fromArchive(std::shared_ptr<quenby::platform::Platform> platform,
-                                                   const Json& archive);
+    static std::shared_ptr<LWCampaign> fromArchive(
+        std::shared_ptr<quenby::platform::Platform> platform, const Json& archive);
 
     std::string id() const;
     std::shared_ptr<LWContent> content() const;
@@ -78,7 +78,7 @@ public:
     bool foregroundOnly() const;
     std::optional<Date> canDetectAfter() const;
 
-private:
+  private:
     explicit LWCampaign(std::shared_ptr<quenby::platform::Platform> p) : platform_(std::move(p)) {}
     Date now() const { return platform_->scheduler->now(); }
 

@@ -9,19 +9,19 @@
 #include "platform/application.h"
 
 class LWCampaignAlertViewDelegate {
-public:
+  public:
     explicit LWCampaignAlertViewDelegate(std::function<void()> block) : block_(std::move(block)) {}
     // Index 1 ("View Details") runs the block; any other index does nothing.
     void alertViewDidDismissWithButtonIndex(int buttonIndex) {
         if (buttonIndex == 1 && block_) block_();
     }
 
-private:
+  private:
     std::function<void()> block_;
 };
 
 class LWCampaignAlertView {
-public:
+  public:
     // Makes the alert and shows it at once.
     static void showWithCampaignAndCompletion(quenby::platform::Application& application,
                                               const LWCampaign& campaign,
@@ -35,7 +35,7 @@ public:
         return retainedDelegate_;
     }
 
-private:
+  private:
     std::string title_, message_;
     std::shared_ptr<LWCampaignAlertViewDelegate> retainedDelegate_;
 };

@@ -14,7 +14,7 @@
 #include "platform/types.h"
 
 class LWContent : public std::enable_shared_from_this<LWContent> {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Bytes = quenby::platform::Bytes;
 
@@ -55,10 +55,10 @@ public:
     // Keyed archive: "id", "body", "alert_title", "alert_message", "attributes", "hash".
     Json archive() const;
     // Nothing when `archive` is not an archived content. A decoded content is not preloaded.
-    static std::shared_ptr<LWContent> fromArchive(std::shared_ptr<quenby::platform::Platform> platform,
-                                                  const Json& archive);
+    static std::shared_ptr<LWContent> fromArchive(
+        std::shared_ptr<quenby::platform::Platform> platform, const Json& archive);
 
-private:
+  private:
     explicit LWContent(std::shared_ptr<quenby::platform::Platform> p) : platform_(std::move(p)) {}
 
     std::shared_ptr<quenby::platform::Platform> platform_;

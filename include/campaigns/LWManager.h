@@ -39,7 +39,7 @@ inline constexpr int LWAnalyticsTypeFulfilled = 2;
 
 // The host's listener. A campaign found is required; the rest are optional.
 class LWManagerDelegate {
-public:
+  public:
     virtual ~LWManagerDelegate() = default;
     virtual void lurewaveDidFindCampaign(LWManager&, const std::shared_ptr<LWCampaign>&) = 0;
     // A place event of a region that carries place ids; `event` is one of LWPlaceEvent….
@@ -50,7 +50,7 @@ public:
 };
 
 class LWManager : public std::enable_shared_from_this<LWManager> {
-public:
+  public:
     using Json = quenby::platform::Json;
     using FetchCompletion = std::function<void(int result)>;
 
@@ -73,7 +73,8 @@ public:
     void syncWithCompletionHandler(FetchCompletion handler);
     // Within six hours of a place detection: a blocking sync, then five seconds of background
     // time for ranging. Otherwise `handler` gets "no data" (1) at once.
-    void handleRemoteNotificationFetchCompletionHandler(const Json& userInfo, FetchCompletion handler);
+    void handleRemoteNotificationFetchCompletionHandler(const Json& userInfo,
+                                                        FetchCompletion handler);
 
     std::shared_ptr<LWCampaign> campaignWithId(const std::string& id) const;
     // Inserted first unless present (same id); the state is written either way.
@@ -123,7 +124,7 @@ public:
     void loadState();
     void appWillResignActive(const quenby::platform::Notification& n);
 
-private:
+  private:
     explicit LWManager(std::shared_ptr<quenby::platform::Platform> p) : platform_(std::move(p)) {}
 
     std::shared_ptr<quenby::platform::Platform> platform_;
@@ -134,10 +135,10 @@ private:
     // Serialises state-file reads and writes, and guards the fields below. Recursive: a find
     // adds a campaign (and persists) from inside callbacks that may already hold it.
     mutable std::recursive_mutex mu_;
-    std::weak_ptr<LWManagerDelegate> delegate_;            // guarded by mu_
-    std::shared_ptr<LWCampaignRepository> campaignRepo_;   // guarded by mu_
-    std::shared_ptr<QZWManager> zwManager_;                // guarded by mu_
-    std::vector<std::shared_ptr<LWCampaign>> campaigns_;   // guarded by mu_
+    std::weak_ptr<LWManagerDelegate> delegate_;           // guarded by mu_
+    std::shared_ptr<LWCampaignRepository> campaignRepo_;  // guarded by mu_
+    std::shared_ptr<QZWManager> zwManager_;               // guarded by mu_
+    std::vector<std::shared_ptr<LWCampaign>> campaigns_;  // guarded by mu_
 };
 
 // The library's version.

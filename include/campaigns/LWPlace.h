@@ -11,7 +11,7 @@
 #include "proximity/QZWKit.h"
 
 class LWPlace {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     // From a kit region (beacon region, geofence circle or ranged beacon): the name, the first of
@@ -36,7 +36,7 @@ public:
     // <LWPlace id=7 name="Door">
     std::string description() const;
 
-private:
+  private:
     LWPlace() = default;
     std::optional<std::string> name_;
     std::int64_t id_ = 0, type_ = 0, proximity_ = 0;

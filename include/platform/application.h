@@ -47,12 +47,12 @@ class Application;
 // The host's application delegate. Each callback is optional: respondsTo() says which ones this
 // delegate implements, and only those are called.
 class ApplicationDelegate {
-public:
+  public:
     enum class Callback {
         DidRegisterForRemoteNotificationsWithDeviceToken,
         DidFailToRegisterForRemoteNotificationsWithError,
-        DidReceiveRemoteNotification,                       // the older kind
-        DidReceiveRemoteNotificationFetchCompletionHandler, // the fetch kind
+        DidReceiveRemoteNotification,                        // the older kind
+        DidReceiveRemoteNotificationFetchCompletionHandler,  // the fetch kind
         DidReceiveLocalNotification,
         PerformFetchWithCompletionHandler,
         DidFinishLaunching,
@@ -88,7 +88,7 @@ public:
 };
 
 class Application : public std::enable_shared_from_this<Application> {
-public:
+  public:
     // A record of what the library asked of the application, for the host's records and tests:
     // "beginBackgroundTask", "endBackgroundTask", "scheduleLocalNotification", "showAlert".
     struct Call {
@@ -144,22 +144,23 @@ public:
     void deliverRemoteNotification(const Json& userInfo, ApplicationDelegate::FetchCompletion done);
     void deliverDeviceToken(const Bytes& token);
 
-private:
+  private:
     explicit Application(std::shared_ptr<Scheduler> s) : scheduler_(std::move(s)) {}
     void record(Call call);
 
     std::shared_ptr<Scheduler> scheduler_;
     mutable std::mutex mu_;
-    ApplicationState state_ = ApplicationState::Active;                       // guarded by mu_
-    bool backgroundTime_ = true;                                              // guarded by mu_
-    BackgroundTaskIdentifier nextTask_ = 1;                                   // guarded by mu_
-    std::map<BackgroundTaskIdentifier, std::pair<std::string, std::function<void()>>> tasks_;  // mu_
-    std::shared_ptr<ApplicationDelegate> delegate_;                           // guarded by mu_
-    std::vector<LocalNotification> presented_;                                // guarded by mu_
-    std::uint64_t nextAlert_ = 1;                                             // guarded by mu_
-    std::vector<std::pair<Alert, std::function<void(int)>>> alerts_;          // guarded by mu_
-    std::vector<Call> calls_;                                                 // guarded by mu_
-    std::function<void(const Call&)> observer_;                               // guarded by mu_
+    ApplicationState state_ = ApplicationState::Active;  // guarded by mu_
+    bool backgroundTime_ = true;                         // guarded by mu_
+    BackgroundTaskIdentifier nextTask_ = 1;              // guarded by mu_
+    std::map<BackgroundTaskIdentifier, std::pair<std::string, std::function<void()>>>
+        tasks_;                                                       // mu_
+    std::shared_ptr<ApplicationDelegate> delegate_;                   // guarded by mu_
+    std::vector<LocalNotification> presented_;                        // guarded by mu_
+    std::uint64_t nextAlert_ = 1;                                     // guarded by mu_
+    std::vector<std::pair<Alert, std::function<void(int)>>> alerts_;  // guarded by mu_
+    std::vector<Call> calls_;                                         // guarded by mu_
+    std::function<void(const Call&)> observer_;                       // guarded by mu_
 };
 
 }  // namespace quenby::platform

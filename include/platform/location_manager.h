@@ -36,9 +36,10 @@ class LocationManager;
 // thread. A failure that the library raises itself (monitoring unavailable, not authorized) comes
 // with no location manager.
 class LocationManagerDelegate {
-public:
+  public:
     virtual ~LocationManagerDelegate() = default;
-    virtual void locationManagerDidUpdateLocations(LocationManager&, const std::vector<Location>&) {}
+    virtual void locationManagerDidUpdateLocations(LocationManager&, const std::vector<Location>&) {
+    }
     virtual void locationManagerDidUpdateHeading(LocationManager&, const Heading&) {}
     // Nothing: this delegate does not answer.
     virtual std::optional<bool> locationManagerShouldDisplayHeadingCalibration(LocationManager&) {
@@ -47,12 +48,14 @@ public:
     // state: 0 unknown, 1 inside, 2 outside.
     virtual void locationManagerDidDetermineStateForRegion(LocationManager&, std::int64_t /*state*/,
                                                            const std::shared_ptr<const Region>&) {}
-    virtual void locationManagerDidRangeBeaconsInRegion(LocationManager&, const std::vector<Beacon>&,
-                                                        const std::shared_ptr<const BeaconRegion>&) {}
+    virtual void locationManagerDidRangeBeaconsInRegion(
+        LocationManager&, const std::vector<Beacon>&, const std::shared_ptr<const BeaconRegion>&) {}
     virtual void locationManagerRangingBeaconsDidFailForRegionWithError(
         LocationManager&, const std::shared_ptr<const BeaconRegion>&, const Error&) {}
-    virtual void locationManagerDidEnterRegion(LocationManager&, const std::shared_ptr<const Region>&) {}
-    virtual void locationManagerDidExitRegion(LocationManager&, const std::shared_ptr<const Region>&) {}
+    virtual void locationManagerDidEnterRegion(LocationManager&,
+                                               const std::shared_ptr<const Region>&) {}
+    virtual void locationManagerDidExitRegion(LocationManager&,
+                                              const std::shared_ptr<const Region>&) {}
     virtual void locationManagerDidFailWithError(LocationManager*, const Error&) {}
     virtual void locationManagerMonitoringDidFailForRegionWithError(
         LocationManager&, const std::shared_ptr<const Region>&, const Error&) {}
@@ -69,7 +72,7 @@ class LocationService;
 
 // One handle on the service. Thread-safe.
 class LocationManager {
-public:
+  public:
     ~LocationManager();
     LocationManager(const LocationManager&) = delete;
     LocationManager& operator=(const LocationManager&) = delete;
@@ -100,7 +103,7 @@ public:
     bool isRangingAvailable() const;
     std::optional<Location> location() const;
 
-private:
+  private:
     friend class LocationService;
     explicit LocationManager(std::shared_ptr<LocationService> service)
         : service_(std::move(service)) {}
@@ -111,9 +114,9 @@ private:
 };
 
 class LocationService : public std::enable_shared_from_this<LocationService> {
-public:
+  public:
     struct Capabilities {
-        bool rangingSupported = true;         // ranged regions exist at all
+        bool rangingSupported = true;  // ranged regions exist at all
         bool stateRequestsSupported = true;
         bool alwaysRequestSupported = true;
         std::optional<bool> monitoringAvailable = true;  // nothing: the platform cannot say
@@ -163,7 +166,7 @@ public:
     // Sets the last location, then tells every delegate.
     void deliverLocations(const std::vector<Location>& locations);
 
-private:
+  private:
     friend class LocationManager;
     LocationService(std::shared_ptr<Scheduler> s, int status)
         : scheduler_(std::move(s)), status_(status) {}
@@ -172,14 +175,14 @@ private:
 
     std::shared_ptr<Scheduler> scheduler_;
     mutable std::mutex mu_;
-    Capabilities caps_;                                    // guarded by mu_
-    int status_;                                           // guarded by mu_
-    std::vector<std::shared_ptr<const Region>> monitored_; // guarded by mu_
+    Capabilities caps_;                                        // guarded by mu_
+    int status_;                                               // guarded by mu_
+    std::vector<std::shared_ptr<const Region>> monitored_;     // guarded by mu_
     std::vector<std::shared_ptr<const BeaconRegion>> ranged_;  // guarded by mu_
-    std::optional<Location> location_;                     // guarded by mu_
-    std::vector<Call> calls_;                              // guarded by mu_
-    std::function<void(const Call&)> observer_;            // guarded by mu_
-    std::vector<std::weak_ptr<LocationManager>> managers_; // guarded by mu_
+    std::optional<Location> location_;                         // guarded by mu_
+    std::vector<Call> calls_;                                  // guarded by mu_
+    std::function<void(const Call&)> observer_;                // guarded by mu_
+    std::vector<std::weak_ptr<LocationManager>> managers_;     // guarded by mu_
 };
 
 }  // namespace quenby::platform

@@ -129,13 +129,13 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     std::unique_ptr<ThreadPool> pool_;
 
     mutable std::mutex mu_;
-    std::condition_variable cv_;  // outstanding_, main_, timers_ or stop_ changed
-    long outstanding_ = 0;        // guarded by mu_
+    std::condition_variable cv_;    // outstanding_, main_, timers_ or stop_ changed
+    long outstanding_ = 0;          // guarded by mu_
     std::uint64_t unitsEnded_ = 0;  // guarded by mu_: work units finished so far
-    std::deque<Task> main_;       // guarded by mu_
-    bool stop_ = false;           // guarded by mu_; run() returns
-    bool shuttingDown_ = false;   // guarded by mu_; timer thread exits
-    std::uint64_t timerSeq_ = 0;  // guarded by mu_
+    std::deque<Task> main_;         // guarded by mu_
+    bool stop_ = false;             // guarded by mu_; run() returns
+    bool shuttingDown_ = false;     // guarded by mu_; timer thread exits
+    std::uint64_t timerSeq_ = 0;    // guarded by mu_
     // Pending timers by (due time, creation order). Guarded by mu_.
     std::map<std::pair<double, std::uint64_t>, std::shared_ptr<detail::TimerCore>> timers_;
     std::thread timerThread_;  // system clock only: fires timers when due

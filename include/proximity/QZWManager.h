@@ -27,7 +27,7 @@ class QZWManager;
 // The host's listener. Every operation is optional: the defaults do nothing. Called on the host
 // thread for location events, on a background context for sync results.
 class QZWManagerDelegate {
-public:
+  public:
     virtual ~QZWManagerDelegate() = default;
     // A sync succeeded and the kit was rebuilt.
     virtual void zonewiseDidSync(QZWManager&) {}
@@ -36,28 +36,28 @@ public:
     // state: 0 unknown, 1 inside, 2 outside.
     virtual void zonewiseDidDetermineStateForRegion(QZWManager&, std::int64_t /*state*/,
                                                     const std::shared_ptr<const QZWRegion>&) {}
-    virtual void zonewiseDidRangeBeaconsInRegion(QZWManager&,
-                                                 const std::vector<std::shared_ptr<const QZWBeacon>>&,
-                                                 const std::shared_ptr<const QZWBeaconRegion>&) {}
+    virtual void zonewiseDidRangeBeaconsInRegion(
+        QZWManager&, const std::vector<std::shared_ptr<const QZWBeacon>>&,
+        const std::shared_ptr<const QZWBeaconRegion>&) {}
     // A sync failed, or the location service failed, is unavailable or not authorized.
     virtual void zonewiseDidFailWithError(QZWManager&, const quenby::platform::Error&) {}
 };
 
 // Raised at creation when the host declares no location usage: a programming error of the host.
 class QZWException : public std::runtime_error {
-public:
+  public:
     QZWException(std::string name, const std::string& reason)
         : std::runtime_error(reason), name_(std::move(name)) {}
     const std::string& name() const { return name_; }
     std::string reason() const { return what(); }
 
-private:
+  private:
     std::string name_;
 };
 
 class QZWManager : public quenby::platform::LocationManagerDelegate,
                    public std::enable_shared_from_this<QZWManager> {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Error = quenby::platform::Error;
     using Region = quenby::platform::Region;
@@ -69,8 +69,8 @@ public:
     static std::shared_ptr<QZWManager> manager(std::shared_ptr<quenby::platform::Platform> p);
     static std::shared_ptr<QZWManager> managerWithDelegate(
         std::shared_ptr<quenby::platform::Platform> p, std::weak_ptr<QZWManagerDelegate> delegate);
-    static std::shared_ptr<QZWManager> managerWithConfig(std::shared_ptr<quenby::platform::Platform> p,
-                                                         const Json& config);
+    static std::shared_ptr<QZWManager> managerWithConfig(
+        std::shared_ptr<quenby::platform::Platform> p, const Json& config);
     static std::shared_ptr<QZWManager> managerWithDelegateAndConfig(
         std::shared_ptr<quenby::platform::Platform> p, std::weak_ptr<QZWManagerDelegate> delegate,
         const std::optional<Json>& config);
@@ -157,10 +157,10 @@ public:
                                                     const std::shared_ptr<const Region>&) override;
     void locationManagerDidPauseLocationUpdates(quenby::platform::LocationManager&) override;
     void locationManagerDidResumeLocationUpdates(quenby::platform::LocationManager&) override;
-    void locationManagerDidFinishDeferredUpdatesWithError(
-        quenby::platform::LocationManager&, const std::optional<Error>&) override;
+    void locationManagerDidFinishDeferredUpdatesWithError(quenby::platform::LocationManager&,
+                                                          const std::optional<Error>&) override;
 
-private:
+  private:
     QZWManager(std::shared_ptr<quenby::platform::Platform> p,
                std::weak_ptr<QZWManagerDelegate> delegate, const std::optional<Json>& config);
     void checkForLocationAlwaysUsageDescription() const;
@@ -178,11 +178,11 @@ private:
     // The kit is replaced on a request's background context while the host thread reads it:
     // readers take a snapshot under the lock and use it without one.
     mutable std::mutex mu_;
-    std::shared_ptr<const QZWKit> kit_;                          // guarded by mu_
-    std::shared_ptr<QTLStatusManager> status_;                   // guarded by mu_
-    std::optional<quenby::platform::Date> lastSuccessfulSync_;   // guarded by mu_
-    std::function<void(int)> didSyncBlock_;                      // guarded by mu_
-    std::weak_ptr<QZWManagerDelegate> delegate_;                 // guarded by mu_
+    std::shared_ptr<const QZWKit> kit_;                                // guarded by mu_
+    std::shared_ptr<QTLStatusManager> status_;                         // guarded by mu_
+    std::optional<quenby::platform::Date> lastSuccessfulSync_;         // guarded by mu_
+    std::function<void(int)> didSyncBlock_;                            // guarded by mu_
+    std::weak_ptr<QZWManagerDelegate> delegate_;                       // guarded by mu_
     std::weak_ptr<quenby::platform::LocationManagerDelegate> second_;  // guarded by mu_
-    bool started_ = false;                                       // guarded by mu_
+    bool started_ = false;                                             // guarded by mu_
 };

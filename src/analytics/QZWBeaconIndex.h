@@ -12,7 +12,7 @@
 #include "platform/uuid.h"
 
 class QZWBeaconIndex {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     // `kitJson` must outlive the index and stay unchanged: the index points into it.
@@ -20,9 +20,10 @@ public:
 
     // {"name", "identifier", "attributes"} as findAttrsForUUIDMajorMinorIn gives it; majors and
     // minors as 32-bit integers (absent: 0).
-    Json findAttrs(const quenby::platform::UUID& uuid, std::int32_t major, std::int32_t minor) const;
+    Json findAttrs(const quenby::platform::UUID& uuid, std::int32_t major,
+                   std::int32_t minor) const;
 
-private:
+  private:
     struct PairHash {
         std::size_t operator()(const std::pair<std::int32_t, std::int32_t>& p) const {
             return std::hash<std::int64_t>()((std::int64_t{p.first} << 32) ^

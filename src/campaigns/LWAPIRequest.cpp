@@ -46,13 +46,14 @@ void LWAPIRequest::send(const std::string& method, const std::optional<std::stri
             req.body = data->dump();
         } catch (const Json::exception& e) {
             // Sent all the same, without a body.
-            quenby::platform::consoleWrite(std::string("Lurewave: Error generating json. ") + e.what());
+            quenby::platform::consoleWrite(std::string("Lurewave: Error generating json. ") +
+                                           e.what());
         }
     }
-    platform_->http->send(std::move(req), [self = *this, completion = std::move(completion)](
-                                              HttpResponse res) {
-        self.processResponseDataErrorUrlHandler(res.body, std::move(res.error), completion);
-    });
+    platform_->http->send(
+        std::move(req), [self = *this, completion = std::move(completion)](HttpResponse res) {
+            self.processResponseDataErrorUrlHandler(res.body, std::move(res.error), completion);
+        });
 }
 
 void LWAPIRequest::processResponseDataErrorUrlHandler(const quenby::platform::Bytes& data,

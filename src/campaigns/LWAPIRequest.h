@@ -15,7 +15,7 @@
 inline constexpr const char* kLurewaveFrameworkVersion = "0.2.1";
 
 class LWAPIRequest {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Error = quenby::platform::Error;
     // An error, or the decoded answer (nothing when it is not JSON). On a background context.
@@ -37,7 +37,7 @@ public:
                                             const Completion& completion) const;
     static std::optional<Json> parseResponse(const quenby::platform::Bytes& data);
 
-private:
+  private:
     void send(const std::string& method, const std::optional<std::string>& url,
               const std::optional<Json>& data, Completion completion) const;
 

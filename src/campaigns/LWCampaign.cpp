@@ -124,7 +124,9 @@ quenby::platform::LocalNotification LWCampaign::buildLocalNotification() const {
     return n;
 }
 
-std::string LWCampaign::description() const { return "<LWCampaign: id=" + id() + ">"; }
+std::string LWCampaign::description() const {
+    return "<LWCampaign: id=" + id() + ">";
+}
 
 Json LWCampaign::archive() const {
     std::lock_guard lk(mu_);
@@ -147,7 +149,8 @@ Json LWCampaign::archive() const {
 
 std::shared_ptr<LWCampaign> LWCampaign::fromArchive(
     std::shared_ptr<quenby::platform::Platform> platform, const Json& a) {
-    if (!a.is_object() || !jsonMember(&a, "id") || !jsonMember(&a, "id")->is_string()) return nullptr;
+    if (!a.is_object() || !jsonMember(&a, "id") || !jsonMember(&a, "id")->is_string())
+        return nullptr;
     std::shared_ptr<LWCampaign> c(new LWCampaign(platform));
     c->id_ = a["id"].get<std::string>();
     const Json* content = jsonMember(&a, "content");

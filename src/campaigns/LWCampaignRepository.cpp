@@ -39,7 +39,8 @@ Json LWCampaignRepository::archive() const {
 }
 
 void LWCampaignRepository::setConfig(std::shared_ptr<LWConfig> config) {
-    auto api = std::make_shared<LWAPIRequest>(platform_, config ? config->LWAPIToken() : std::nullopt);
+    auto api =
+        std::make_shared<LWAPIRequest>(platform_, config ? config->LWAPIToken() : std::nullopt);
     std::lock_guard lk(mu_);
     config_ = std::move(config);
     apiRequest_ = std::move(api);
@@ -81,7 +82,8 @@ void LWCampaignRepository::loadAllWithCompletion(
             // A broken server must not wipe the campaigns: without a kit, nothing is merged.
             const Json* kits = feed ? jsonMember(&*feed, "kits") : nullptr;
             if (!feed || !feed->is_object()) {
-                error = Error{"Lurewave", kMalformedFeed, "Malformed campaign feed: not a JSON object"};
+                error =
+                    Error{"Lurewave", kMalformedFeed, "Malformed campaign feed: not a JSON object"};
             } else if (!kits || !kits->is_array() || kits->empty() || !(*kits)[0].is_object()) {
                 error = Error{"Lurewave", kMalformedFeed, "Malformed campaign feed: no kit"};
             } else {
@@ -122,8 +124,8 @@ void LWCampaignRepository::merge(const Json& feed) {
     if (auto pending = deviceTokenToRegister()) registerDeviceToken(*pending);
 }
 
-void LWCampaignRepository::createOrUpdateCampaignWithContents(const Json& dict,
-                                                              const LWCampaign::Contents& contents) {
+void LWCampaignRepository::createOrUpdateCampaignWithContents(
+    const Json& dict, const LWCampaign::Contents& contents) {
     const Json* id = jsonMember(&dict, "id");
     // Updated in place, so views, fulfilment, the place of the last find and recurrence survive.
     if (auto existing = campaignWithId(id ? describeJson(*id) : "(null)")) {

@@ -15,7 +15,7 @@
 #include "campaigns/LWConfig.h"
 
 class LWCampaignRepository : public std::enable_shared_from_this<LWCampaignRepository> {
-public:
+  public:
     using Json = quenby::platform::Json;
     using Error = quenby::platform::Error;
     using Campaigns = std::vector<std::shared_ptr<LWCampaign>>;
@@ -53,7 +53,7 @@ public:
     // DELETE at the same URL when a token is registered; forgotten whatever the outcome.
     void deregisterDeviceToken();
 
-private:
+  private:
     explicit LWCampaignRepository(std::shared_ptr<quenby::platform::Platform> p)
         : platform_(std::move(p)) {}
     void merge(const Json& feed);
@@ -61,10 +61,10 @@ private:
 
     std::shared_ptr<quenby::platform::Platform> platform_;
     mutable std::mutex mu_;
-    std::shared_ptr<LWConfig> config_;                          // guarded by mu_
-    std::shared_ptr<LWAPIRequest> apiRequest_;                  // guarded by mu_
-    Campaigns cache_;                                           // guarded by mu_
-    Json kitId_;                                                // guarded by mu_
-    std::optional<std::string> registeredDeviceToken_;          // guarded by mu_
+    std::shared_ptr<LWConfig> config_;                              // guarded by mu_
+    std::shared_ptr<LWAPIRequest> apiRequest_;                      // guarded by mu_
+    Campaigns cache_;                                               // guarded by mu_
+    Json kitId_;                                                    // guarded by mu_
+    std::optional<std::string> registeredDeviceToken_;              // guarded by mu_
     std::optional<quenby::platform::Bytes> deviceTokenToRegister_;  // guarded by mu_
 };

@@ -10,7 +10,7 @@
 #include "platform/platform.h"
 
 class LWConfig {
-public:
+  public:
     using Json = quenby::platform::Json;
 
     explicit LWConfig(const quenby::platform::Platform& platform);
@@ -30,7 +30,7 @@ public:
     Json synced() const;
     void setSynced(Json synced);
 
-private:
+  private:
     std::optional<std::string> string(const char* key) const;
 
     quenby::platform::Bundle main_;

@@ -76,7 +76,9 @@ LWContent::Bytes LWContent::hashValue() const {
     return hash_;
 }
 
-bool LWContent::isEqual(const LWContent& other) const { return id() == other.id(); }
+bool LWContent::isEqual(const LWContent& other) const {
+    return id() == other.id();
+}
 
 LWContent::Bytes LWContent::hashForDictionary(const Json& dict) {
     // The archive sorts its keys, so equal dictionaries always give equal bytes.
@@ -108,7 +110,9 @@ void LWContent::startPreloadingImages() {
     });
 }
 
-std::string LWContent::description() const { return "<LWContent: alertTitle=\"" + alertTitle() + "\">"; }
+std::string LWContent::description() const {
+    return "<LWContent: alertTitle=\"" + alertTitle() + "\">";
+}
 
 Json LWContent::archive() const {
     std::lock_guard lk(mu_);
@@ -120,8 +124,8 @@ Json LWContent::archive() const {
             {"hash", Json::binary(hash_)}};
 }
 
-std::shared_ptr<LWContent> LWContent::fromArchive(std::shared_ptr<quenby::platform::Platform> platform,
-                                                  const Json& a) {
+std::shared_ptr<LWContent> LWContent::fromArchive(
+    std::shared_ptr<quenby::platform::Platform> platform, const Json& a) {
     if (!a.is_object()) return nullptr;
     std::shared_ptr<LWContent> c(new LWContent(std::move(platform)));
     auto str = [&](const char* key) {
@@ -134,6 +138,7 @@ std::shared_ptr<LWContent> LWContent::fromArchive(std::shared_ptr<quenby::platfo
     const Json* attrs = jsonMember(&a, "attributes");
     c->attributes_ = attrs ? *attrs : Json();
     const Json* hash = jsonMember(&a, "hash");
-    if (hash && hash->is_binary()) c->hash_ = Bytes(hash->get_binary().begin(), hash->get_binary().end());
+    if (hash && hash->is_binary())
+        c->hash_ = Bytes(hash->get_binary().begin(), hash->get_binary().end());
     return c;
 }

@@ -6,7 +6,9 @@
 
 namespace {
 
-bool isQuote(char c) { return c == '"' || c == '\''; }
+bool isQuote(char c) {
+    return c == '"' || c == '\'';
+}
 
 }  // namespace
 
@@ -28,7 +30,8 @@ std::vector<LWImagePreloader::Match> LWImagePreloader::findImageSources(const st
         std::size_t open = q + 4;
         if (open >= n || !isQuote(h[open])) continue;
         std::size_t close = nextQuote[open + 1];
-        if (close == std::string::npos || close == open + 1) continue;  // a value of one char or more
+        if (close == std::string::npos || close == open + 1)
+            continue;  // a value of one char or more
         std::size_t gt = nextGt[close + 1];
         if (gt == std::string::npos) continue;
         usable.push_back({q, open + 1, close, gt + 1});

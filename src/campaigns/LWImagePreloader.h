@@ -8,7 +8,7 @@
 #include "platform/http.h"
 
 class LWImagePreloader {
-public:
+  public:
     static constexpr std::size_t kMaxImageBytes = 1048576;  // 1 MiB; larger images keep their URL
 
     // Every `src` value of an <img> tag, as the expression
@@ -19,8 +19,7 @@ public:
     // URL (as does an answer that is not a success: an error page is no image); tags, quotes and
     // everything else stay as they are.
     static std::string htmlWithInlinedImages(quenby::platform::HttpClient& http,
-                                             const std::string& html,
-                                             double timeoutSeconds = 60.0);
+                                             const std::string& html, double timeoutSeconds = 60.0);
 
     struct Match {
         std::size_t start, length;  // of the src value

@@ -30,13 +30,13 @@ std::shared_ptr<LWManager> LWManager::managerWithDelegate(
     m->config_ = std::make_shared<LWConfig>(*platform);
     m->loadState();
     m->setDelegate(std::move(d));
-    m->zonewiseDelegate_ =
-        std::make_shared<LWZonewiseDelegate>(m, m->campaignRepo(), platform);
+    m->zonewiseDelegate_ = std::make_shared<LWZonewiseDelegate>(m, m->campaignRepo(), platform);
     Json proximity = Json::object();
     if (auto kit = m->config_->ZWKitURL()) proximity["ZWKitURL"] = *kit;
     if (auto token = m->config_->ZWAPIToken()) proximity["ZWAPIToken"] = *token;
     if (auto analytics = m->config_->ZWAnalyticsURL()) proximity["ZWAnalyticsURL"] = *analytics;
-    m->setZWManager(QZWManager::managerWithDelegateAndConfig(platform, m->zonewiseDelegate_, proximity));
+    m->setZWManager(
+        QZWManager::managerWithDelegateAndConfig(platform, m->zonewiseDelegate_, proximity));
     std::weak_ptr<LWManager> weak = m;
     m->resignObserver_ = quenby::platform::NotificationCenter::defaultCenter().addObserver(
         quenby::platform::kApplicationWillResignActiveNotification, platform->application.get(),
@@ -90,7 +90,8 @@ void LWManager::syncWithCompletionHandler(FetchCompletion handler) {
     platform_->scheduler->waitUntil(lk, wait->cv, deadline, [&] { return !wait->waiting; });
 }
 
-void LWManager::handleRemoteNotificationFetchCompletionHandler(const Json&, FetchCompletion handler) {
+void LWManager::handleRemoteNotificationFetchCompletionHandler(const Json&,
+                                                               FetchCompletion handler) {
     quenby::platform::consoleWrite("Lurewave: handling remote notification.");
     if (!zonewiseDelegate_->placeDetectedInLast6Hours()) {
         if (handler) handler(quenby::platform::kFetchResultNoData);
@@ -142,7 +143,8 @@ void LWManager::pruneExpiredCampaigns() {
     std::lock_guard lk(mu_);
     auto expired = campaignRepo_->pruneAndReturnExpiredCampaigns();
     std::erase_if(campaigns_, [&](const auto& c) {
-        return std::any_of(expired.begin(), expired.end(), [&](const auto& e) { return e->isEqual(*c); });
+        return std::any_of(expired.begin(), expired.end(),
+                           [&](const auto& e) { return e->isEqual(*c); });
     });
     persistState();
 }
@@ -182,10 +184,14 @@ void LWManager::setCampaignFulfilledAtPlace(const std::shared_ptr<LWCampaign>& c
 
 std::optional<std::string> LWManager::nameForAnalyticsType(int type) {
     switch (type) {
-        case LWAnalyticsTypeFound: return "found";
-        case LWAnalyticsTypeViewed: return "viewed";
-        case LWAnalyticsTypeFulfilled: return "fulfilled";
-        default: return std::nullopt;
+        case LWAnalyticsTypeFound:
+            return "found";
+        case LWAnalyticsTypeViewed:
+            return "viewed";
+        case LWAnalyticsTypeFulfilled:
+            return "fulfilled";
+        default:
+            return std::nullopt;
     }
 }
 
@@ -277,7 +283,9 @@ std::string LWManager::plistPath() const {
     return platform_->documentsDirectory + "/LurewaveState_" + safe + ".plist";
 }
 
-bool LWManager::stateWasPersisted() const { return platform_->files->fileExists(plistPath()); }
+bool LWManager::stateWasPersisted() const {
+    return platform_->files->fileExists(plistPath());
+}
 
 void LWManager::persistState() {
     std::lock_guard lk(mu_);
@@ -288,7 +296,8 @@ void LWManager::persistState() {
     if (!synced.is_null()) state["configuration"] = std::move(synced);
     // Written beside and renamed over the old file: a process killed mid-write leaves the
     // previous state whole.
-    if (auto err = platform_->files->writeFile(plistPath(), quenby::platform::archiveJson(state), true)) {
+    if (auto err =
+            platform_->files->writeFile(plistPath(), quenby::platform::archiveJson(state), true)) {
         quenby::platform::consoleWrite("Error Writing Lurewave state file: " + err->toString());
     }
 }
@@ -322,7 +331,8 @@ void LWManager::loadState() {
     repo->setConfig(config_);
     campaignRepo_ = repo;
     std::vector<std::shared_ptr<LWCampaign>> found;
-    if (const Json* ids = quenby::platform::jsonMember(&*state, "campaign_ids"); ids && ids->is_array()) {
+    if (const Json* ids = quenby::platform::jsonMember(&*state, "campaign_ids");
+        ids && ids->is_array()) {
         for (const Json& id : *ids) {
             if (!id.is_string()) continue;
             if (auto c = repo->campaignWithId(id.get<std::string>())) found.push_back(c);
@@ -338,4 +348,6 @@ void LWManager::loadState() {
     }
 }
 
-void LWManager::appWillResignActive(const quenby::platform::Notification&) { persistState(); }
+void LWManager::appWillResignActive(const quenby::platform::Notification&) {
+    persistState();
+}

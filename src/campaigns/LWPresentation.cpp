@@ -79,7 +79,8 @@ void LWAppDelegate::applicationDidRegisterForRemoteNotificationsWithDeviceToken(
 void LWAppDelegate::applicationDidReceiveRemoteNotificationFetchCompletionHandler(
     Application& app, const quenby::platform::Json& userInfo, FetchCompletion done) {
     if (auto o = forwardee(Callback::DidReceiveRemoteNotificationFetchCompletionHandler)) {
-        o->applicationDidReceiveRemoteNotificationFetchCompletionHandler(app, userInfo, std::move(done));
+        o->applicationDidReceiveRemoteNotificationFetchCompletionHandler(app, userInfo,
+                                                                         std::move(done));
         return;  // the host handles its own pushes; the campaign manager is not told
     }
     if (auto o = forwardee(Callback::DidReceiveRemoteNotification)) {

@@ -28,7 +28,9 @@ Json placeIdsOf(const QZWRegion& region) {
 LWZonewiseDelegate::LWZonewiseDelegate(std::weak_ptr<LWManager> manager,
                                        std::weak_ptr<LWCampaignRepository> repo,
                                        std::shared_ptr<quenby::platform::Platform> platform)
-    : platform_(std::move(platform)), manager_(std::move(manager)), campaignRepo_(std::move(repo)) {}
+    : platform_(std::move(platform)),
+      manager_(std::move(manager)),
+      campaignRepo_(std::move(repo)) {}
 
 void LWZonewiseDelegate::setCampaignRepo(std::weak_ptr<LWCampaignRepository> repo) {
     std::lock_guard lk(mu_);
@@ -142,7 +144,8 @@ void LWZonewiseDelegate::callDidDetectPlaceOnEvent(const QZWRegion& region, int 
             d->lurewaveDidDetectPlaceOnEvent(*manager, LWPlace::initWithRegion(region), event);
         }
     }
-    if (event == LWPlaceEventRanged || event == LWPlaceEventEntered || event == LWPlaceEventInside) {
+    if (event == LWPlaceEventRanged || event == LWPlaceEventEntered ||
+        event == LWPlaceEventInside) {
         std::lock_guard lk(mu_);
         lastPlaceDetectedAtDate_ = platform_->scheduler->now();
     }
@@ -219,9 +222,10 @@ void LWZonewiseDelegate::startExtendedRanging() {
         if (extendedRangingTask_ != quenby::platform::kInvalidBackgroundTask) return;
     }
     std::weak_ptr<LWZonewiseDelegate> weak = weak_from_this();
-    auto task = platform_->application->beginBackgroundTaskWithName(kExtendedRangingTaskName, [weak] {
-        if (auto self = weak.lock()) self->stopExtendedRanging();
-    });
+    auto task =
+        platform_->application->beginBackgroundTaskWithName(kExtendedRangingTaskName, [weak] {
+            if (auto self = weak.lock()) self->stopExtendedRanging();
+        });
     std::lock_guard lk(mu_);
     extendedRangingTask_ = task;
 }
@@ -232,7 +236,8 @@ void LWZonewiseDelegate::stopExtendedRanging() {
         std::lock_guard lk(mu_);
         task = std::exchange(extendedRangingTask_, quenby::platform::kInvalidBackgroundTask);
     }
-    if (task != quenby::platform::kInvalidBackgroundTask) platform_->application->endBackgroundTask(task);
+    if (task != quenby::platform::kInvalidBackgroundTask)
+        platform_->application->endBackgroundTask(task);
 }
 
 quenby::platform::BackgroundTaskIdentifier LWZonewiseDelegate::extendedRangingTask() const {

@@ -18,7 +18,7 @@ class LWCampaignRepository;
 
 class LWZonewiseDelegate : public QZWManagerDelegate,
                            public std::enable_shared_from_this<LWZonewiseDelegate> {
-public:
+  public:
     static constexpr const char* kExtendedRangingTaskName = "Lurewave:ExtendedRanging";
     static constexpr double kPlaceWindow = -21600.0;  // six hours, as an interval since now
 
@@ -28,11 +28,11 @@ public:
     void zonewiseDidSync(QZWManager&) override;
     void zonewiseDidEnter(QZWManager&, const std::shared_ptr<const QZWRegion>& region) override;
     void zonewiseDidExit(QZWManager&, const std::shared_ptr<const QZWRegion>& region) override;
-    void zonewiseDidDetermineStateForRegion(QZWManager&, std::int64_t state,
-                                            const std::shared_ptr<const QZWRegion>& region) override;
-    void zonewiseDidRangeBeaconsInRegion(QZWManager&,
-                                         const std::vector<std::shared_ptr<const QZWBeacon>>& beacons,
-                                         const std::shared_ptr<const QZWBeaconRegion>& region) override;
+    void zonewiseDidDetermineStateForRegion(
+        QZWManager&, std::int64_t state, const std::shared_ptr<const QZWRegion>& region) override;
+    void zonewiseDidRangeBeaconsInRegion(
+        QZWManager&, const std::vector<std::shared_ptr<const QZWBeacon>>& beacons,
+        const std::shared_ptr<const QZWBeaconRegion>& region) override;
     void zonewiseDidFailWithError(QZWManager&, const quenby::platform::Error& error) override;
 
     void setCompletionHandler(std::function<void(int)> handler);
@@ -57,13 +57,13 @@ public:
 
     void setCampaignRepo(std::weak_ptr<LWCampaignRepository> repo);
 
-private:
+  private:
     std::shared_ptr<quenby::platform::Platform> platform_;
     mutable std::mutex mu_;
-    std::weak_ptr<LWManager> manager_;                     // guarded by mu_
-    std::weak_ptr<LWCampaignRepository> campaignRepo_;     // guarded by mu_
-    std::function<void(int)> completionHandler_;           // guarded by mu_
+    std::weak_ptr<LWManager> manager_;                               // guarded by mu_
+    std::weak_ptr<LWCampaignRepository> campaignRepo_;               // guarded by mu_
+    std::function<void(int)> completionHandler_;                     // guarded by mu_
     std::optional<quenby::platform::Date> lastPlaceDetectedAtDate_;  // guarded by mu_
     quenby::platform::BackgroundTaskIdentifier extendedRangingTask_ =
-        quenby::platform::kInvalidBackgroundTask;          // guarded by mu_
+        quenby::platform::kInvalidBackgroundTask;  // guarded by mu_
 };

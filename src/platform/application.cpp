@@ -153,7 +153,8 @@ void Application::deliverWillResignActive() {
     scheduler_->performPass([&] {
         NotificationCenter::defaultCenter().post(
             Notification{kApplicationWillResignActiveNotification, this, {}});
-        if (auto d = delegate(); d && d->respondsTo(ApplicationDelegate::Callback::WillResignActive)) {
+        if (auto d = delegate();
+            d && d->respondsTo(ApplicationDelegate::Callback::WillResignActive)) {
             d->applicationWillResignActive(*this);
         }
     });
@@ -167,7 +168,7 @@ void Application::deliverRemoteNotification(const Json& userInfo,
         using C = ApplicationDelegate::Callback;
         if (d->respondsTo(C::DidReceiveRemoteNotificationFetchCompletionHandler)) {
             d->applicationDidReceiveRemoteNotificationFetchCompletionHandler(*this, userInfo,
-                                                                            std::move(done));
+                                                                             std::move(done));
         } else if (d->respondsTo(C::DidReceiveRemoteNotification)) {
             d->applicationDidReceiveRemoteNotification(*this, userInfo);
         }
@@ -177,8 +178,9 @@ void Application::deliverRemoteNotification(const Json& userInfo,
 void Application::deliverDeviceToken(const Bytes& token) {
     scheduler_->performPass([&] {
         auto d = delegate();
-        if (d && d->respondsTo(
-                     ApplicationDelegate::Callback::DidRegisterForRemoteNotificationsWithDeviceToken)) {
+        if (d &&
+            d->respondsTo(
+                ApplicationDelegate::Callback::DidRegisterForRemoteNotificationsWithDeviceToken)) {
             d->applicationDidRegisterForRemoteNotificationsWithDeviceToken(*this, token);
         }
     });

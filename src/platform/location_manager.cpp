@@ -8,9 +8,8 @@ namespace {
 template <class R>
 void replaceByIdentifier(std::vector<std::shared_ptr<const R>>& list,
                          const std::shared_ptr<const R>& region) {
-    auto it = std::find_if(list.begin(), list.end(), [&](const auto& r) {
-        return r->identifier() == region->identifier();
-    });
+    auto it = std::find_if(list.begin(), list.end(),
+                           [&](const auto& r) { return r->identifier() == region->identifier(); });
     if (it != list.end()) {
         *it = region;
     } else {
@@ -19,7 +18,8 @@ void replaceByIdentifier(std::vector<std::shared_ptr<const R>>& list,
 }
 
 template <class R>
-void removeByIdentifier(std::vector<std::shared_ptr<const R>>& list, const std::string& identifier) {
+void removeByIdentifier(std::vector<std::shared_ptr<const R>>& list,
+                        const std::string& identifier) {
     std::erase_if(list, [&](const auto& r) { return r->identifier() == identifier; });
 }
 }  // namespace
@@ -75,7 +75,8 @@ void LocationManager::requestStateForRegion(const std::shared_ptr<const Region>&
     if (region) service_->record("requestStateForRegion", region);
 }
 
-void LocationManager::startRangingBeaconsInRegion(const std::shared_ptr<const BeaconRegion>& region) {
+void LocationManager::startRangingBeaconsInRegion(
+    const std::shared_ptr<const BeaconRegion>& region) {
     if (!region) return;
     {
         std::lock_guard lk(service_->mu_);
@@ -84,7 +85,8 @@ void LocationManager::startRangingBeaconsInRegion(const std::shared_ptr<const Be
     service_->record("startRangingBeaconsInRegion", region);
 }
 
-void LocationManager::stopRangingBeaconsInRegion(const std::shared_ptr<const BeaconRegion>& region) {
+void LocationManager::stopRangingBeaconsInRegion(
+    const std::shared_ptr<const BeaconRegion>& region) {
     if (!region) return;
     {
         std::lock_guard lk(service_->mu_);
@@ -93,7 +95,9 @@ void LocationManager::stopRangingBeaconsInRegion(const std::shared_ptr<const Bea
     service_->record("stopRangingBeaconsInRegion", region);
 }
 
-int LocationManager::authorizationStatus() const { return service_->authorizationStatus(); }
+int LocationManager::authorizationStatus() const {
+    return service_->authorizationStatus();
+}
 
 bool LocationManager::canRequestAlwaysAuthorization() const {
     return service_->capabilities().alwaysRequestSupported;
@@ -111,9 +115,13 @@ bool LocationManager::regionMonitoringAvailable() const {
     return service_->capabilities().regionMonitoringAvailable;
 }
 
-bool LocationManager::isRangingAvailable() const { return service_->capabilities().rangingAvailable; }
+bool LocationManager::isRangingAvailable() const {
+    return service_->capabilities().rangingAvailable;
+}
 
-std::optional<Location> LocationManager::location() const { return service_->lastLocation(); }
+std::optional<Location> LocationManager::location() const {
+    return service_->lastLocation();
+}
 
 // ---------------------------------------------------------------------------------------------
 // LocationService
@@ -210,14 +218,19 @@ void LocationService::each(
 }
 
 void LocationService::deliverEnter(const std::shared_ptr<const Region>& region) {
-    each([&](LocationManager& m, LocationManagerDelegate& d) { d.locationManagerDidEnterRegion(m, region); });
+    each([&](LocationManager& m, LocationManagerDelegate& d) {
+        d.locationManagerDidEnterRegion(m, region);
+    });
 }
 
 void LocationService::deliverExit(const std::shared_ptr<const Region>& region) {
-    each([&](LocationManager& m, LocationManagerDelegate& d) { d.locationManagerDidExitRegion(m, region); });
+    each([&](LocationManager& m, LocationManagerDelegate& d) {
+        d.locationManagerDidExitRegion(m, region);
+    });
 }
 
-void LocationService::deliverState(const std::shared_ptr<const Region>& region, std::int64_t state) {
+void LocationService::deliverState(const std::shared_ptr<const Region>& region,
+                                   std::int64_t state) {
     each([&](LocationManager& m, LocationManagerDelegate& d) {
         d.locationManagerDidDetermineStateForRegion(m, state, region);
     });
@@ -231,7 +244,9 @@ void LocationService::deliverRanging(const std::shared_ptr<const BeaconRegion>& 
 }
 
 void LocationService::deliverFailure(const Error& error) {
-    each([&](LocationManager& m, LocationManagerDelegate& d) { d.locationManagerDidFailWithError(&m, error); });
+    each([&](LocationManager& m, LocationManagerDelegate& d) {
+        d.locationManagerDidFailWithError(&m, error);
+    });
 }
 
 void LocationService::deliverRangingFailure(const std::shared_ptr<const BeaconRegion>& region,

@@ -21,7 +21,7 @@ namespace quenby::platform {
 // could deadlock where the platform's own dispatch would not.
 
 class ThreadPool {
-public:
+  public:
     ThreadPool() : state_(std::make_shared<State>()) {}
     ~ThreadPool() {
         {
@@ -50,7 +50,7 @@ public:
         }
     }
 
-private:
+  private:
     static constexpr std::size_t kMaxThreads = 512;
 
     struct State {

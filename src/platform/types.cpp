@@ -135,7 +135,8 @@ std::optional<Date> parseTimestamp(std::string_view t) {
     long long doy = (153 * mp + 2) / 5 + *day - 1;
     long long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
     long long days = era * 146097 + doe - 719468;
-    double secs = static_cast<double>(days * 86400 + *hour * 3600 + *minute * 60 + *second - offset);
+    double secs =
+        static_cast<double>(days * 86400 + *hour * 3600 + *minute * 60 + *second - offset);
     return Date::fromSecondsSince1970(secs + fraction);
 }
 

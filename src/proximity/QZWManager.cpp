@@ -24,7 +24,9 @@ namespace {
 constexpr double kSyncInterval = 30.0;
 constexpr double kResyncAfter = 3600.0;
 
-std::string orNull(const std::optional<std::string>& s) { return s.value_or("(null)"); }
+std::string orNull(const std::optional<std::string>& s) {
+    return s.value_or("(null)");
+}
 
 std::string uuidText(const std::optional<quenby::platform::UUID>& u) {
     return u ? u->uuidString() : "(null)";
@@ -58,7 +60,8 @@ std::shared_ptr<QZWManager> QZWManager::managerWithDelegateAndConfig(
 }
 
 QZWManager::QZWManager(std::shared_ptr<quenby::platform::Platform> p,
-                       std::weak_ptr<QZWManagerDelegate> delegate, const std::optional<Json>& config)
+                       std::weak_ptr<QZWManagerDelegate> delegate,
+                       const std::optional<Json>& config)
     : platform_(std::move(p)), config_(QZWConfiguration::sharedConfiguration(*platform_)) {
     checkForLocationAlwaysUsageDescription();
     if (config) config_.configureWithDictionary(*config);
@@ -130,7 +133,9 @@ void QZWManager::stop() {
     analytics_->stopLogging();
 }
 
-void QZWManager::sync() { performSync(); }
+void QZWManager::sync() {
+    performSync();
+}
 
 void QZWManager::syncWithCompletionHandler(std::function<void(int)> handler) {
     {
@@ -225,10 +230,12 @@ void QZWManager::startMonitoringFences() {
     auto k = kit();
     if (!k || !k->map()) return;
     for (const auto& circle : k->map()->overlays()) {
-        QZWLogger::logFormat(QZWLogLevelDebug, "Monitoring Geofence Circle {}", orNull(circle->name()));
+        QZWLogger::logFormat(QZWLogLevelDebug, "Monitoring Geofence Circle {}",
+                             orNull(circle->name()));
         locationManager_->startMonitoringForRegion(circle->region());
         // A device already inside hears so at once.
-        if (locationManager_->canRequestState()) locationManager_->requestStateForRegion(circle->region());
+        if (locationManager_->canRequestState())
+            locationManager_->requestStateForRegion(circle->region());
     }
 }
 
@@ -369,7 +376,9 @@ void QZWManager::setPartnerIdentifier(const std::string& identifier) {
     QZWPartner().setIdentifier(identifier);
 }
 
-void QZWManager::logLevel(int level) { QZWLogger::setLevel(level); }
+void QZWManager::logLevel(int level) {
+    QZWLogger::setLevel(level);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Location callbacks
@@ -455,7 +464,8 @@ void QZWManager::locationManagerDidRangeBeaconsInRegion(
 
 void QZWManager::locationManagerRangingBeaconsDidFailForRegionWithError(
     LocationManager& lm, const std::shared_ptr<const BeaconRegion>& region, const Error& error) {
-    QZWLogger::logFormat(QZWLogLevelError, "Ranging Beacons Failed with Error: {}", error.toString());
+    QZWLogger::logFormat(QZWLogLevelError, "Ranging Beacons Failed with Error: {}",
+                         error.toString());
     if (auto second = locationManagerDelegate()) {
         second->locationManagerRangingBeaconsDidFailForRegionWithError(lm, region, error);
     }
@@ -475,12 +485,15 @@ void QZWManager::locationManagerDidUpdateLocations(
 
 void QZWManager::locationManagerDidUpdateHeading(LocationManager& lm,
                                                  const quenby::platform::Heading& heading) {
-    if (auto second = locationManagerDelegate()) second->locationManagerDidUpdateHeading(lm, heading);
+    if (auto second = locationManagerDelegate())
+        second->locationManagerDidUpdateHeading(lm, heading);
 }
 
-std::optional<bool> QZWManager::locationManagerShouldDisplayHeadingCalibration(LocationManager& lm) {
+std::optional<bool> QZWManager::locationManagerShouldDisplayHeadingCalibration(
+    LocationManager& lm) {
     auto second = locationManagerDelegate();
-    auto answer = second ? second->locationManagerShouldDisplayHeadingCalibration(lm) : std::nullopt;
+    auto answer =
+        second ? second->locationManagerShouldDisplayHeadingCalibration(lm) : std::nullopt;
     return answer.value_or(false);
 }
 
@@ -510,7 +523,8 @@ void QZWManager::locationManagerDidPauseLocationUpdates(LocationManager& lm) {
 }
 
 void QZWManager::locationManagerDidResumeLocationUpdates(LocationManager& lm) {
-    if (auto second = locationManagerDelegate()) second->locationManagerDidResumeLocationUpdates(lm);
+    if (auto second = locationManagerDelegate())
+        second->locationManagerDidResumeLocationUpdates(lm);
 }
 
 void QZWManager::locationManagerDidFinishDeferredUpdatesWithError(LocationManager& lm,

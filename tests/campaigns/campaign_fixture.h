@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "campaigns/LWCampaignRepository.h"
-#include "platform/archive.h"
 #include "campaigns/LWManager.h"
 #include "campaigns/LWZonewiseDelegate.h"
+#include "platform/archive.h"
 #include "proximity/QZWManager.h"
 #include "support/test_server.h"
 #include "support/test_support.h"
@@ -19,7 +19,7 @@ namespace quenby::test {
 inline constexpr const char* kStoreUUID = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
 
 class CampaignHost : public LWManagerDelegate {
-public:
+  public:
     void lurewaveDidFindCampaign(LWManager&, const std::shared_ptr<LWCampaign>& c) override {
         add("found " + c->id());
     }
@@ -44,7 +44,7 @@ public:
         events_.clear();
     }
 
-private:
+  private:
     void add(std::string e) {
         std::lock_guard lk(mu_);
         events_.push_back(std::move(e));
@@ -77,8 +77,9 @@ struct CampaignFixture {
     // A door beacon (place 7), a checkout beacon (place 9) and a geofence (place 7).
     nlohmann::json kit() const {
         auto entry = [](int minor, const char* id, const char* name, const char* places) {
-            return nlohmann::json{{"uuid", kStoreUUID}, {"major", 1},  {"minor", minor},
-                                  {"identifier", id},  {"name", name}, {"attributes", {{"lw_place_ids", places}}}};
+            return nlohmann::json{{"uuid", kStoreUUID}, {"major", 1},
+                                  {"minor", minor},     {"identifier", id},
+                                  {"name", name},       {"attributes", {{"lw_place_ids", places}}}};
         };
         return {{"kit",
                  {{"id", 17},
@@ -86,27 +87,37 @@ struct CampaignFixture {
                   {"status_token", "st"},
                   {"map",
                    {{"overlays",
-                     {{{"type", "circle"}, {"identifier", "lot"}, {"name", "Car park"},
-                       {"center", {40.0, -75.0}}, {"radius", 80}, {"attributes", {{"lw_place_ids", "[7]"}}}}}}}},
-                  {"ibeacons", {entry(1, "door", "Door", "[7]"), entry(2, "checkout", "Checkout", "[9]")}}}}};
+                     {{{"type", "circle"},
+                       {"identifier", "lot"},
+                       {"name", "Car park"},
+                       {"center", {40.0, -75.0}},
+                       {"radius", 80},
+                       {"attributes", {{"lw_place_ids", "[7]"}}}}}}}},
+                  {"ibeacons",
+                   {entry(1, "door", "Door", "[7]"), entry(2, "checkout", "Checkout", "[9]")}}}}};
     }
 
-    static nlohmann::json campaign(const std::string& id, nlohmann::json extra = nlohmann::json::object()) {
-        nlohmann::json c = {{"id", id},
-                            {"start_at", "2026-03-01T08:00:00.000+0000"},
-                            {"end_at", "2026-03-02T08:00:00.000+0000"},
-                            {"min_recur_secs", 3600},
-                            {"trigger_distance", 2.0},
-                            {"links", {{"content", 5}, {"places", {7}}, {"fulfillment_places", {9}}}}};
+    static nlohmann::json campaign(const std::string& id,
+                                   nlohmann::json extra = nlohmann::json::object()) {
+        nlohmann::json c = {
+            {"id", id},
+            {"start_at", "2026-03-01T08:00:00.000+0000"},
+            {"end_at", "2026-03-02T08:00:00.000+0000"},
+            {"min_recur_secs", 3600},
+            {"trigger_distance", 2.0},
+            {"links", {{"content", 5}, {"places", {7}}, {"fulfillment_places", {9}}}}};
         for (auto& [k, v] : extra.items()) c[k] = v;
         return c;
     }
 
     nlohmann::json feed(const std::vector<nlohmann::json>& campaigns) const {
-        return {{"kits", {{{"id", 17}, {"configuration", {{"ios_tokens_url", server.url("/tokens")}}}}}},
+        return {{"kits",
+                 {{{"id", 17}, {"configuration", {{"ios_tokens_url", server.url("/tokens")}}}}}},
                 {"linked",
                  {{"contents",
-                   {{{"id", 5}, {"alert_title", "20% off coffee"}, {"alert_message", "At the counter"},
+                   {{{"id", 5},
+                     {"alert_title", "20% off coffee"},
+                     {"alert_message", "At the counter"},
                      {"body", "<p>Coffee</p>"}}}},
                   {"campaigns", campaigns}}}};
     }

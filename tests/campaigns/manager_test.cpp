@@ -25,18 +25,21 @@ TEST(LWManagerWalk, FoundAtItsTriggerDistanceViewedFulfilledRecordedUploadedAndR
               (std::vector<std::string>{"Lurewave:ExtendedRanging"}));
     f.location().deliverRanging(door, {CampaignFixture::beacon(1, 2.01)});
     EXPECT_FALSE(f.host->saw("found c1")) << "2.01 m is beyond a trigger distance of 2.0";
-    f.location().deliverRanging(door, {CampaignFixture::beacon(1, 0.0), CampaignFixture::beacon(1, 2.0)});
+    f.location().deliverRanging(door,
+                                {CampaignFixture::beacon(1, 0.0), CampaignFixture::beacon(1, 2.0)});
     EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didSync", "place 7 1", "place 7 0",
                                                           "found c1", "place 7 0"}))
         << "a beacon with no distance estimate is ignored";
-    EXPECT_TRUE(f.vp.platform->application->runningBackgroundTasks().empty()) << "ended on the find";
+    EXPECT_TRUE(f.vp.platform->application->runningBackgroundTasks().empty())
+        << "ended on the find";
     EXPECT_EQ(f.manager->foundCampaigns(), (std::vector<std::shared_ptr<LWCampaign>>{c1}));
     EXPECT_EQ(c1->foundAt()->id(), 7);
 
     // Viewed by the user, then fulfilled at the checkout; a second find waits for the recurrence.
     f.vp.scheduler().performPass([&] { f.manager->setCampaignViewed(c1); });
     f.vp.scheduler().performPass([&] { f.manager->setCampaignViewed(c1); });  // counted once
-    f.location().deliverRanging(CampaignFixture::region(2, "checkout"), {CampaignFixture::beacon(2, 1.0)});
+    f.location().deliverRanging(CampaignFixture::region(2, "checkout"),
+                                {CampaignFixture::beacon(2, 1.0)});
     f.location().deliverRanging(door, {CampaignFixture::beacon(1, 1.0)});
     auto seen = f.host->events();
     EXPECT_EQ(std::count(seen.begin(), seen.end(), "found c1"), 1);
@@ -44,10 +47,15 @@ TEST(LWManagerWalk, FoundAtItsTriggerDistanceViewedFulfilledRecordedUploadedAndR
     EXPECT_EQ(c1->viewCount(), 1);
     auto events = f.analyticsEvents();
     ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[0], Json({{"kit_id", 17}, {"event_type", "found"}, {"campaign_id", "c1"}, {"place_id", "7"}}));
+    EXPECT_EQ(
+        events[0],
+        Json({{"kit_id", 17}, {"event_type", "found"}, {"campaign_id", "c1"}, {"place_id", "7"}}));
     EXPECT_EQ(events[1]["event_type"], "viewed");
     EXPECT_EQ(events[1]["place_id"], "7") << "the place of the find";
-    EXPECT_EQ(events[2], Json({{"kit_id", 17}, {"event_type", "fulfilled"}, {"campaign_id", "c1"}, {"place_id", "9"}}));
+    EXPECT_EQ(events[2], Json({{"kit_id", 17},
+                               {"event_type", "fulfilled"},
+                               {"campaign_id", "c1"},
+                               {"place_id", "9"}}));
 
     f.vp.scheduler().advanceBy(30);
     auto uploads = f.server.requestsTo("/analytics");
@@ -140,7 +148,8 @@ TEST(LWManagerPush, RemoteNotificationsSyncWithinSixHoursOfAPlaceAndNotAfter) {
 TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
     CampaignFixture f;
     f.startAndSync();
-    f.location().deliverRanging(CampaignFixture::region(1, "door"), {CampaignFixture::beacon(1, 1.0)});
+    f.location().deliverRanging(CampaignFixture::region(1, "door"),
+                                {CampaignFixture::beacon(1, 1.0)});
     ASSERT_EQ(f.manager->foundCampaigns().size(), 1u);
     auto before = f.vp.platform->files->readFile(f.statePath());
     ConsoleCapture console;
@@ -158,7 +167,8 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
         EXPECT_EQ(f.manager->foundCampaigns().size(), 1u) << what;
         EXPECT_EQ(f.vp.platform->files->readFile(f.statePath()), before) << what;
     }
-    EXPECT_EQ(console.withPrefix("Lurewave: Sync failed.  Error Domain=Lurewave Code=422").size(), 6u);
+    EXPECT_EQ(console.withPrefix("Lurewave: Sync failed.  Error Domain=Lurewave Code=422").size(),
+              6u);
 
     // A feed without "linked" carries no campaigns: every cached one expires.
     f.server.on("GET", "/campaigns", Reply{200, "{\"kits\": [{\"id\": 17}]}"});
@@ -171,15 +181,17 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
 TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
     CampaignFixture f;
     f.startAndSync();
-    f.location().deliverRanging(CampaignFixture::region(1, "door"), {CampaignFixture::beacon(1, 1.0)});
+    f.location().deliverRanging(CampaignFixture::region(1, "door"),
+                                {CampaignFixture::beacon(1, 1.0)});
     auto good = *f.vp.platform->files->readFile(f.statePath());
     f.manager.reset();
     f.vp.scheduler().settle();
 
     ConsoleCapture console;
     platform::Bytes truncated(good.begin(), good.begin() + static_cast<long>(good.size() / 2));
-    for (const platform::Bytes& bad : {truncated, platform::toBytes("<?xml version=\"1.0\"?><plist/>"),
-                                       platform::archiveJson(Json::array({1, 2}))}) {
+    for (const platform::Bytes& bad :
+         {truncated, platform::toBytes("<?xml version=\"1.0\"?><plist/>"),
+          platform::archiveJson(Json::array({1, 2}))}) {
         f.vp.platform->files->writeFile(f.statePath(), bad, false);
         f.create();
         EXPECT_TRUE(f.manager->foundCampaigns().empty());

@@ -39,26 +39,31 @@ TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) 
     auto& http = *vp.platform->http;
     std::string a = server.url("/a.png"), b = server.url("/b.png");
 
-    EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(http, "<p>no images</p>"), "<p>no images</p>");
-    std::string html = "<p><img class=\"x\" src=\"" + a + "\"></p><IMG src=\"" + a +
-                       "\"><img src='" + b + "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
-                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
-                       server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
+    EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(http, "<p>no images</p>"),
+              "<p>no images</p>");
+    std::string html =
+        "<p><img class=\"x\" src=\"" + a + "\"></p><IMG src=\"" + a + "\"><img src='" + b +
+        "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
+        "<img src=\"data:image;base64,AA==\"><img src=\"" +
+        server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
     std::string out = LWImagePreloader::htmlWithInlinedImages(http, html);
-    std::string dataA = "data:image;charset=US-ASCII;base64," + platform::base64Encode(platform::toBytes("AAA"));
+    std::string dataA =
+        "data:image;charset=US-ASCII;base64," + platform::base64Encode(platform::toBytes("AAA"));
     std::string dataB = "data:image;charset=US-ASCII;base64," +
                         platform::base64Encode(platform::toBytes(std::string(5000, 'b')));
-    std::string want = "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a +
-                       "\"><img src='" + dataB + "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
-                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
-                       server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
+    std::string want =
+        "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a + "\"><img src='" + dataB +
+        "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
+        "<img src=\"data:image;base64,AA==\"><img src=\"" +
+        server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
     EXPECT_EQ(out, want) << "upper-case tags, relative, data and over-1-MiB images keep their URL";
 
     // The expression's own choices: the last src= before the tag's first '>', a value that may
     // hold '>', and no match without a closing '>'.
     auto values = [](const std::string& h) {
         std::vector<std::string> v;
-        for (auto m : LWImagePreloader::findImageSources(h)) v.push_back(h.substr(m.start, m.length));
+        for (auto m : LWImagePreloader::findImageSources(h))
+            v.push_back(h.substr(m.start, m.length));
         return v;
     };
     EXPECT_EQ(values("<img src='1' src=\"2\">"), (std::vector<std::string>{"2"}));
@@ -101,7 +106,8 @@ TEST(LWImagePreloader, AnImageThatHangsKeepsItsUrlAfterTheTimeOut) {
 
 TEST(LWContent, FingerprintsTheWholeDictionaryAndComparesById) {
     VirtualPlatform vp;
-    Json dict = {{"id", 5}, {"alert_title", "50% off"}, {"body", "<p>x</p>"}, {"attributes", {{"a", 1}}}};
+    Json dict = {
+        {"id", 5}, {"alert_title", "50% off"}, {"body", "<p>x</p>"}, {"attributes", {{"a", 1}}}};
     auto c = LWContent::initWithDictionary(vp.platform, dict);
     EXPECT_EQ(c->id(), "5");
     EXPECT_EQ(c->alertMessage(), "(null)") << "a missing key reads as the text (null)";
@@ -125,9 +131,11 @@ TEST(LWContent, FingerprintsTheWholeDictionaryAndComparesById) {
 
 TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
     VirtualPlatform vp;
-    auto content = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
+    auto content =
+        LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
     auto c = LWCampaign::initWithDictionaryContents(
-        vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", 600}, {"trigger_distance", 2.0}}),
+        vp.platform,
+        campaignJson(kBefore, kAfter, {{"min_recur_secs", 600}, {"trigger_distance", 2.0}}),
         {content});
     EXPECT_EQ(c->id(), "42");
     EXPECT_EQ(c->content(), content);
@@ -160,7 +168,8 @@ TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
         vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", -1}}), {});
     never->detect();
     EXPECT_EQ(never->canDetectAfter(), Date::distantFuture());
-    auto always = LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(kBefore, kAfter), {});
+    auto always =
+        LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(kBefore, kAfter), {});
     always->detect();
     EXPECT_TRUE(always->canDetect());
 
@@ -175,13 +184,15 @@ TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
     // A re-sync: the same content keeps its object (and its images), a changed one replaces it,
     // a null trigger distance clears it, and what the device recorded stays.
     c->setViewCount(3);
-    auto sameContent = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
+    auto sameContent =
+        LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
     c->updateWithDictionaryContents(campaignJson(kBefore, kAfter, {{"trigger_distance", nullptr}}),
                                     {sameContent});
     EXPECT_EQ(c->content(), content);
     EXPECT_FALSE(c->triggerDistance());
     EXPECT_EQ(c->viewCount(), 3);
-    auto changed = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "60% off"}});
+    auto changed =
+        LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "60% off"}});
     c->updateWithDictionaryContents(campaignJson(kBefore, kAfter), {changed});
     EXPECT_EQ(c->content(), changed);
     EXPECT_TRUE(changed->preloaded()) << "a new content starts its image preloading";
@@ -197,7 +208,8 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
     VirtualPlatform vp;
     auto content = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "t"}});
     auto c = LWCampaign::initWithDictionaryContents(
-        vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", 60}, {"trigger_distance", 1.5}}),
+        vp.platform,
+        campaignJson(kBefore, kAfter, {{"min_recur_secs", 60}, {"trigger_distance", 1.5}}),
         {content});
     c->detect();
     c->setViewCount(2);
@@ -223,15 +235,17 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
 
     EXPECT_EQ(LWCampaign::dateFromString("2026-03-01T09:00:00.250+01:30")->timeIntervalSince1970(),
               kTestStart - 5400 + 0.25);
-    for (const char* bad : {"2026-02-30T09:00:00.000Z", "2026-03-01T09:00:00Z", "2026-03-01 09:00:00.000Z",
-                            "2026-03-01T09:00:00.000", "2026-03-01T24:00:00.000Z", ""}) {
+    for (const char* bad :
+         {"2026-02-30T09:00:00.000Z", "2026-03-01T09:00:00Z", "2026-03-01 09:00:00.000Z",
+          "2026-03-01T09:00:00.000", "2026-03-01T24:00:00.000Z", ""}) {
         EXPECT_FALSE(LWCampaign::dateFromString(bad)) << bad;
     }
 }
 
 TEST(LWPlace, FromRegionsAndPlaceIds) {
     Json attrs = {{"lw_place_ids", "[7, 8]"}};
-    QZWCircle fence({{"type", "circle"}, {"identifier", "f"}, {"name", "Car park"}, {"attributes", attrs}});
+    QZWCircle fence(
+        {{"type", "circle"}, {"identifier", "f"}, {"name", "Car park"}, {"attributes", attrs}});
     auto p = LWPlace::initWithRegion(fence);
     EXPECT_EQ(p->id(), 7);
     EXPECT_EQ(p->type(), 1);

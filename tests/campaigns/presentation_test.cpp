@@ -15,29 +15,29 @@ namespace {
 
 // A host's own application delegate, implementing the callbacks it is given.
 class HostDelegate : public ApplicationDelegate {
-public:
-    explicit HostDelegate(std::vector<Callback> implemented) : implemented_(std::move(implemented)) {}
+  public:
+    explicit HostDelegate(std::vector<Callback> implemented)
+        : implemented_(std::move(implemented)) {}
     bool respondsTo(Callback c) const override {
         return std::find(implemented_.begin(), implemented_.end(), c) != implemented_.end();
     }
     std::string className() const override { return "StoreAppDelegate"; }
-    void applicationDidRegisterForRemoteNotificationsWithDeviceToken(platform::Application&,
-                                                                     const platform::Bytes&) override {
+    void applicationDidRegisterForRemoteNotificationsWithDeviceToken(
+        platform::Application&, const platform::Bytes&) override {
         heard.push_back("token");
     }
     void applicationDidReceiveRemoteNotification(platform::Application&, const Json&) override {
         heard.push_back("legacy");
     }
-    void applicationDidReceiveRemoteNotificationFetchCompletionHandler(platform::Application&,
-                                                                       const Json&,
-                                                                       FetchCompletion done) override {
+    void applicationDidReceiveRemoteNotificationFetchCompletionHandler(
+        platform::Application&, const Json&, FetchCompletion done) override {
         heard.push_back("fetch");
         done(platform::kFetchResultNewData);
     }
     void applicationDidBecomeActive(platform::Application&) override { heard.push_back("active"); }
     std::vector<std::string> heard;
 
-private:
+  private:
     std::vector<Callback> implemented_;
 };
 
@@ -74,7 +74,8 @@ TEST(LWAppDelegate, PushesReachTheHostOrTheManagerByPrecedence) {
         EXPECT_EQ(app.delegate(), proxy);
         EXPECT_EQ(proxy->className(), "StoreAppDelegate");
         std::vector<int> got;
-        app.deliverRemoteNotification({{"aps", {{"content-available", 1}}}}, [&](int r) { got.push_back(r); });
+        app.deliverRemoteNotification({{"aps", {{"content-available", 1}}}},
+                                      [&](int r) { got.push_back(r); });
         EXPECT_EQ(host->heard, hostHears) << why;
         EXPECT_EQ(got, results) << why;
         return host;
@@ -83,11 +84,13 @@ TEST(LWAppDelegate, PushesReachTheHostOrTheManagerByPrecedence) {
     check({C::DidReceiveRemoteNotificationFetchCompletionHandler, C::DidReceiveRemoteNotification},
           {"fetch"}, {0}, "the host's fetch handler takes the push alone");
     // Without a recent place the manager answers "no data" (1).
-    check({C::DidReceiveRemoteNotification}, {"legacy"}, {1}, "the older handler, then the manager");
+    check({C::DidReceiveRemoteNotification}, {"legacy"}, {1},
+          "the older handler, then the manager");
     check({}, {}, {1}, "only the manager");
 
     // Tokens: the manager first, then the host when it takes them; other callbacks pass through.
-    auto host = check({C::DidRegisterForRemoteNotificationsWithDeviceToken, C::DidBecomeActive}, {}, {1}, "");
+    auto host = check({C::DidRegisterForRemoteNotificationsWithDeviceToken, C::DidBecomeActive}, {},
+                      {1}, "");
     app.deliverDeviceToken({0x01, 0x02});
     f.vp.scheduler().settle();
     EXPECT_EQ(host->heard, (std::vector<std::string>{"token"}));

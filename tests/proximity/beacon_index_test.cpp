@@ -21,16 +21,25 @@ TEST(QZWBeaconIndex, AgreesWithTheWalkOnRandomKits) {
         // number the format allows: null, missing, integer, float, numeric text.
         auto number = [&](Json& entry, const char* key) {
             switch (pick(6)) {
-                case 0: entry[key] = nullptr; break;
-                case 1: break;
-                case 2: entry[key] = pick(3) + 0.5; break;
-                case 3: entry[key] = std::to_string(pick(3)); break;
-                default: entry[key] = pick(3);
+                case 0:
+                    entry[key] = nullptr;
+                    break;
+                case 1:
+                    break;
+                case 2:
+                    entry[key] = pick(3) + 0.5;
+                    break;
+                case 3:
+                    entry[key] = std::to_string(pick(3));
+                    break;
+                default:
+                    entry[key] = pick(3);
             }
         };
         Json list = Json::array();
         for (int i = pick(40); i > 0; --i) {
-            Json e = {{"uuid", uuids[pick(4)]}, {"name", "n" + std::to_string(i)},
+            Json e = {{"uuid", uuids[pick(4)]},
+                      {"name", "n" + std::to_string(i)},
                       {"identifier", "i" + std::to_string(i)},
                       {"attributes", {{"k" + std::to_string(pick(3)), i}}}};
             number(e, "major");

@@ -19,7 +19,7 @@ inline constexpr const char* kBeaconUUID = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F
 
 // Every delegate call and observed notification, in one ordered log.
 class Recorder : public QZWManagerDelegate {
-public:
+  public:
     Recorder() {
         for (const char* name :
              {QZWManagerDidEnterRegionNotification, QZWManagerDidExitRegionNotification,
@@ -67,7 +67,7 @@ public:
         add("didFail " + e.domain + " " + std::to_string(e.code));
     }
 
-private:
+  private:
     void add(std::string e) {
         std::lock_guard lk(mu_);
         events_.push_back(std::move(e));
@@ -123,7 +123,8 @@ struct ManagerFixture {
         vp.writeBundlePlist("Zonewise.plist", {{"ZWKitURL", server.url("/api/kits/17")},
                                                {"ZWAPIToken", "tok"},
                                                {"ZWAnalyticsURL", server.url("/analytics")}});
-        QZWConfiguration::sharedConfiguration(*vp.platform).setBundles(vp.platform->mainBundle, std::nullopt);
+        QZWConfiguration::sharedConfiguration(*vp.platform)
+            .setBundles(vp.platform->mainBundle, std::nullopt);
         QZWConfiguration::sharedConfiguration(*vp.platform).configureFromPlistFile();
         if (withKitRoute) serveKit(sampleKit(server));
         server.on("POST", "/analytics", Reply{200, "{}"});

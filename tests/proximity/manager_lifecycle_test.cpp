@@ -61,8 +61,7 @@ TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop)
     f.create();
     f.manager->start();
     f.scheduler().settle();
-    EXPECT_EQ(f.recorder->events(),
-              (std::vector<std::string>{"didFail Zonewise 523", "didSync"}));
+    EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didFail Zonewise 523", "didSync"}));
     EXPECT_TRUE(f.calls().empty());
 
     // A grant alone registers nothing; the next kit build does.
@@ -87,8 +86,7 @@ TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop)
     f.recorder->clear();
     f.manager->start();
     f.scheduler().settle();
-    EXPECT_EQ(f.recorder->events(),
-              (std::vector<std::string>{"didFail Zonewise 522", "didSync"}));
+    EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didFail Zonewise 522", "didSync"}));
     caps.monitoringAvailable = true;
     f.location().setCapabilities(caps);
     f.location().setAuthorizationStatus(0);
@@ -102,8 +100,8 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
     struct Second : platform::LocationManagerDelegate {
         std::vector<std::string> heard;
         std::optional<bool> calibration;
-        void locationManagerDidEnterRegion(platform::LocationManager&,
-                                           const std::shared_ptr<const platform::Region>& r) override {
+        void locationManagerDidEnterRegion(
+            platform::LocationManager&, const std::shared_ptr<const platform::Region>& r) override {
             heard.push_back("enter " + r->identifier());
         }
         void locationManagerRangingBeaconsDidFailForRegionWithError(
@@ -125,26 +123,32 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
     f.manager->start();
     f.scheduler().settle();
     f.recorder->clear();
-    EXPECT_EQ(f.manager->locationManagerShouldDisplayHeadingCalibration(*f.manager->locationManager()),
-              false)
+    EXPECT_EQ(
+        f.manager->locationManagerShouldDisplayHeadingCalibration(*f.manager->locationManager()),
+        false)
         << "nobody answers: false";
 
     auto second = std::make_shared<Second>();
     second->calibration = true;
     f.manager->setLocationManagerDelegate(second);
-    EXPECT_EQ(f.manager->locationManagerShouldDisplayHeadingCalibration(*f.manager->locationManager()),
-              true);
-    f.location().deliverEnter(std::make_shared<const platform::CircularRegion>(1, 2, 3, "host-fence"));
-    EXPECT_TRUE(f.recorder->events().empty()) << "not a kit region: no delegate call, no notification";
+    EXPECT_EQ(
+        f.manager->locationManagerShouldDisplayHeadingCalibration(*f.manager->locationManager()),
+        true);
+    f.location().deliverEnter(
+        std::make_shared<const platform::CircularRegion>(1, 2, 3, "host-fence"));
+    EXPECT_TRUE(f.recorder->events().empty())
+        << "not a kit region: no delegate call, no notification";
 
     LogLevelGuard level(QZWLogLevelError);
     ConsoleCapture console;
     auto door = ManagerFixture::beaconRegion(1, 1, "door");
     f.location().deliverRangingFailure(door, {"kCLErrorDomain", 16, "ranging unavailable"});
     f.location().deliverFailure({"kCLErrorDomain", 1, "denied"});
-    EXPECT_EQ(second->heard, (std::vector<std::string>{"enter host-fence", "rangingFailed 16", "failed 1"}));
-    EXPECT_TRUE(console.contains("Zonewise[Error] Ranging Beacons Failed with Error: Error "
-                                 "Domain=kCLErrorDomain Code=16 \"ranging unavailable\""));
+    EXPECT_EQ(second->heard,
+              (std::vector<std::string>{"enter host-fence", "rangingFailed 16", "failed 1"}));
+    EXPECT_TRUE(
+        console.contains("Zonewise[Error] Ranging Beacons Failed with Error: Error "
+                         "Domain=kCLErrorDomain Code=16 \"ranging unavailable\""));
     EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didFail kCLErrorDomain 1"}));
 
     EXPECT_EQ(f.manager->getLat(), "0.000000");
@@ -179,7 +183,8 @@ TEST(QZWManagerLifecycle, LargeKitsRegisterGenericRegionsAndEveryBuildTearsDownF
                                       "startRangingBeaconsInRegion zw-ibeacon-region-1"};
     EXPECT_EQ(f.calls(), first);
     EXPECT_TRUE(console.contains("Zonewise[Debug] Monitoring Geofence Circle Car park"));
-    EXPECT_TRUE(console.contains(std::string("Zonewise[Debug] Start Ranging For UUID ") + kBeaconUUID));
+    EXPECT_TRUE(
+        console.contains(std::string("Zonewise[Debug] Start Ranging For UUID ") + kBeaconUUID));
 
     // A ranging report in a generic region still finds each beacon's own entry.
     f.recorder->clear();

@@ -15,10 +15,11 @@ TEST(QZWManagerWalk, RegionsBeaconsAndFencesReachDelegateNotificationsDatabasesA
 
     EXPECT_EQ(f.kitRequests(), 2u) << "every kit request reaches the server twice";
     EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didSync"}));
-    EXPECT_EQ(f.calls(), (std::vector<std::string>{
-                             "startMonitoringForRegion fence-1", "requestStateForRegion fence-1",
-                             "startMonitoringForRegion door", "startMonitoringForRegion store",
-                             "startRangingBeaconsInRegion door", "startRangingBeaconsInRegion store"}));
+    EXPECT_EQ(f.calls(),
+              (std::vector<std::string>{
+                  "startMonitoringForRegion fence-1", "requestStateForRegion fence-1",
+                  "startMonitoringForRegion door", "startMonitoringForRegion store",
+                  "startRangingBeaconsInRegion door", "startRangingBeaconsInRegion store"}));
     ASSERT_TRUE(f.manager->kit());
     EXPECT_EQ(f.manager->kit()->name(), "Store");
     ASSERT_TRUE(f.manager->statusManager()) << "the kit names a status service";
@@ -40,31 +41,34 @@ TEST(QZWManagerWalk, RegionsBeaconsAndFencesReachDelegateNotificationsDatabasesA
     f.scheduler().advanceBy(10);
     f.location().deliverExit(fence);
 
-    EXPECT_EQ(f.recorder->events(),
-              (std::vector<std::string>{
-                  "didEnter door", "note QZWManagerDidEnterRegion door",
-                  "didRange door: Door beacon Store", "note QZWManagerDidRangeBeaconsInRegion door",
-                  "didRange door: Door beacon", "note QZWManagerDidRangeBeaconsInRegion door",
-                  "didExit door", "note QZWManagerDidExitRegion door",
-                  "didDetermineState 1 fence-1", "note QZWManagerDidDetermineStateForRegion fence-1",
-                  "didEnter fence-1", "note QZWManagerDidEnterRegion fence-1", "didExit fence-1",
-                  "note QZWManagerDidExitRegion fence-1"}))
+    EXPECT_EQ(
+        f.recorder->events(),
+        (std::vector<std::string>{
+            "didEnter door", "note QZWManagerDidEnterRegion door",
+            "didRange door: Door beacon Store", "note QZWManagerDidRangeBeaconsInRegion door",
+            "didRange door: Door beacon", "note QZWManagerDidRangeBeaconsInRegion door",
+            "didExit door", "note QZWManagerDidExitRegion door", "didDetermineState 1 fence-1",
+            "note QZWManagerDidDetermineStateForRegion fence-1", "didEnter fence-1",
+            "note QZWManagerDidEnterRegion fence-1", "didExit fence-1",
+            "note QZWManagerDidExitRegion fence-1"}))
         << "the unknown beacon still gets an entry, with the UUID level's name";
     auto notes = f.recorder->notifications();
     EXPECT_EQ(*notes[0].userInfo.get<int>(QZWManagerNotificationEventKey), 2);
     EXPECT_EQ(notes[0].sender, f.manager.get());
     EXPECT_EQ(*notes[4].userInfo.get<std::int64_t>(QZWManagerNotificationRegionStateKey), 1);
-    auto enteredDoor = *notes[0].userInfo.get<std::shared_ptr<const QZWRegion>>(
-        QZWManagerNotificationRegionKey);
+    auto enteredDoor =
+        *notes[0].userInfo.get<std::shared_ptr<const QZWRegion>>(QZWManagerNotificationRegionKey);
     EXPECT_EQ(enteredDoor->attributes(), Json({{"lw_place_ids", "[7]"}}));
 
     std::string analytics = f.vp.documents.file("ZonewiseAnalytics.sqlite");
-    auto sessions = queryRows(analytics, "select * from region_sessions where exited_at is not null");
+    auto sessions =
+        queryRows(analytics, "select * from region_sessions where exited_at is not null");
     ASSERT_EQ(sessions.size(), 1u);
     auto beacons = queryRows(analytics, "select * from beacon_sessions order by id");
     ASSERT_EQ(beacons.size(), 2u);
     EXPECT_FALSE(beacons[0]["last_detected_at"].is_null()) << "the door beacon was seen twice";
-    EXPECT_EQ(queryRows(analytics, "select * from geo_region_sessions where exited_at is not null").size(),
+    EXPECT_EQ(queryRows(analytics, "select * from geo_region_sessions where exited_at is not null")
+                  .size(),
               1u);
 
     // The next timer tick uploads the visits; no new kit request within the hour.
@@ -98,7 +102,8 @@ TEST(QZWManagerWalk, NotificationsCoalesceWithinAPassButDelegateCallsDoNot) {
     f.scheduler().performPass([&] {
         f.location().deliverEnter(door);
         f.location().deliverEnter(door);
-        EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didEnter door", "didEnter door"}))
+        EXPECT_EQ(f.recorder->events(),
+                  (std::vector<std::string>{"didEnter door", "didEnter door"}))
             << "nothing is delivered inside the pass";
     });
     EXPECT_EQ(f.recorder->events(),
@@ -109,10 +114,11 @@ TEST(QZWManagerWalk, NotificationsCoalesceWithinAPassButDelegateCallsDoNot) {
     f.recorder->clear();
     f.location().deliverRanging(door, {});
     EXPECT_EQ(f.recorder->events(),
-              (std::vector<std::string>{"didRange door:", "note QZWManagerDidRangeBeaconsInRegion door"}));
+              (std::vector<std::string>{"didRange door:",
+                                        "note QZWManagerDidRangeBeaconsInRegion door"}));
     auto last = f.recorder->notifications().back();
-    auto beacons =
-        last.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(QZWManagerNotificationBeaconsKey);
+    auto beacons = last.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(
+        QZWManagerNotificationBeaconsKey);
     ASSERT_TRUE(beacons);
     EXPECT_TRUE(beacons->empty());
 }

@@ -33,7 +33,8 @@ struct SimRun {
         }
         return r;
     }
-    std::vector<json> where(const std::string& type, const std::string& key, const json& value) const {
+    std::vector<json> where(const std::string& type, const std::string& key,
+                            const json& value) const {
         std::vector<json> r;
         for (const auto& l : of(type)) {
             if (l.contains(key) && l[key] == value) r.push_back(l);
@@ -73,10 +74,15 @@ json store(json steps, json device = json::object(), std::string host = "campaig
         {"bundle",
          {{"Info.plist", {{"NSLocationAlwaysUsageDescription", "offers"}}},
           {"Lurewave.plist",
-           {{"LWKitURL", "{server}/campaigns"}, {"LWAPIToken", "lw"}, {"ZWKitURL", "{server}/kit"},
-            {"ZWAPIToken", "zw"}, {"ZWAnalyticsURL", "{server}/analytics"}}},
+           {{"LWKitURL", "{server}/campaigns"},
+            {"LWAPIToken", "lw"},
+            {"ZWKitURL", "{server}/kit"},
+            {"ZWAPIToken", "zw"},
+            {"ZWAnalyticsURL", "{server}/analytics"}}},
           {"Zonewise.plist",
-           {{"ZWKitURL", "{server}/kit"}, {"ZWAPIToken", "zw"}, {"ZWAnalyticsURL", "{server}/analytics"}}}}},
+           {{"ZWKitURL", "{server}/kit"},
+            {"ZWAPIToken", "zw"},
+            {"ZWAnalyticsURL", "{server}/analytics"}}}}},
         {"server",
          {{"kit",
            {{"kit",
@@ -85,29 +91,47 @@ json store(json steps, json device = json::object(), std::string host = "campaig
               {"status_token", "st"},
               {"map",
                {{"overlays",
-                 {{{"type", "circle"}, {"identifier", "lot"}, {"name", "Car park"}, {"center", {40.0, -75.0}},
-                   {"radius", 30}, {"attributes", {{"lw_place_ids", "[7]"}}}}}}}},
+                 {{{"type", "circle"},
+                   {"identifier", "lot"},
+                   {"name", "Car park"},
+                   {"center", {40.0, -75.0}},
+                   {"radius", 30},
+                   {"attributes", {{"lw_place_ids", "[7]"}}}}}}}},
               {"ibeacons",
-               {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"identifier", "door"}, {"name", "Door"},
+               {{{"uuid", kU},
+                 {"major", 1},
+                 {"minor", 1},
+                 {"identifier", "door"},
+                 {"name", "Door"},
                  {"attributes", {{"lw_place_ids", "[7]"}}}},
-                {{"uuid", kU}, {"major", 1}, {"minor", 3}, {"identifier", "checkout"}, {"name", "Checkout"},
+                {{"uuid", kU},
+                 {"major", 1},
+                 {"minor", 3},
+                 {"identifier", "checkout"},
+                 {"name", "Checkout"},
                  {"attributes", {{"lw_place_ids", "[9]"}}}}}}}}}},
           {"campaigns",
            {{"kits", {{{"id", 17}, {"configuration", {{"ios_tokens_url", "{server}/tokens"}}}}}},
             {"linked",
-             {{"contents", {{{"id", 5}, {"alert_title", "20% off"}, {"alert_message", "Today only"}}}},
+             {{"contents",
+               {{{"id", 5}, {"alert_title", "20% off"}, {"alert_message", "Today only"}}}},
               {"campaigns",
-               {{{"id", "c1"}, {"start_at", "2026-03-01T08:00:00.000+0000"},
-                 {"end_at", "2026-03-02T08:00:00.000+0000"}, {"trigger_distance", 2.0},
+               {{{"id", "c1"},
+                 {"start_at", "2026-03-01T08:00:00.000+0000"},
+                 {"end_at", "2026-03-02T08:00:00.000+0000"},
+                 {"trigger_distance", 2.0},
                  {"links", {{"content", 5}, {"places", {7}}, {"fulfillment_places", {9}}}}}}}}}}}}},
         {"device", device},
         {"steps", steps}};
     return s;
 }
 
-json door() { return {{"uuid", kU}, {"major", 1}, {"minor", 1}, {"identifier", "door"}}; }
+json door() {
+    return {{"uuid", kU}, {"major", 1}, {"minor", 1}, {"identifier", "door"}};
+}
 json beacon(int minor, double accuracy) {
-    return {{"uuid", kU}, {"major", 1}, {"minor", minor}, {"proximity", 2}, {"accuracy", accuracy}, {"rssi", -60}};
+    return {{"uuid", kU},     {"major", 1},           {"minor", minor},
+            {"proximity", 2}, {"accuracy", accuracy}, {"rssi", -60}};
 }
 
 }  // namespace
@@ -122,13 +146,24 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
         {{"at", 4}, {"range", door()}, {"beacons", {beacon(1, 1.5)}}},
         {{"at", 5}, {"call", "setCampaignViewed"}, {"campaign", "c1"}},
         {{"at", 5}, {"call", "setCampaignViewed"}, {"campaign", "nope"}},
-        {{"at", 6}, {"range", {{"uuid", kU}, {"major", 1}, {"minor", 3}}}, {"beacons", {beacon(3, 4.0)}}},
-        {{"at", 7}, {"call", "setCampaignFulfilled"}, {"campaign", "c1"}, {"place", {{"id", 9}, {"name", "n"}, {"type", 0}}}},
-        {{"at", 7}, {"state", {{"identifier", "lot"}, {"center", {40.0, -75.0}}, {"radius", 30}}}, {"value", 1}},
+        {{"at", 6},
+         {"range", {{"uuid", kU}, {"major", 1}, {"minor", 3}}},
+         {"beacons", {beacon(3, 4.0)}}},
+        {{"at", 7},
+         {"call", "setCampaignFulfilled"},
+         {"campaign", "c1"},
+         {"place", {{"id", 9}, {"name", "n"}, {"type", 0}}}},
+        {{"at", 7},
+         {"state", {{"identifier", "lot"}, {"center", {40.0, -75.0}}, {"radius", 30}}},
+         {"value", 1}},
         {{"at", 8}, {"exit", door()}},
         {{"at", 9}, {"fail", {{"domain", "kCLErrorDomain"}, {"code", 1}}}},
-        {{"at", 9}, {"rangingFail", door()}, {"error", {{"domain", "kCLErrorDomain"}, {"code", 16}}}},
-        {{"at", 9}, {"monitoringFail", door()}, {"error", {{"domain", "kCLErrorDomain"}, {"code", 4}}}},
+        {{"at", 9},
+         {"rangingFail", door()},
+         {"error", {{"domain", "kCLErrorDomain"}, {"code", 16}}}},
+        {{"at", 9},
+         {"monitoringFail", door()},
+         {"error", {{"domain", "kCLErrorDomain"}, {"code", 4}}}},
         {{"at", 10}, {"location", {40.5, -75.25}}},
         {{"at", 10}, {"call", "getLat"}},
         {{"at", 10}, {"call", "getLng"}},
@@ -155,7 +190,8 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
         {{"at", 27}, {"call", "create"}},
         {{"at", 28}, {"call", "foundCampaigns"}},
     });
-    auto r = run(store(steps, {{"secondListener", true}, {"hostAppDelegate", {"legacy", "token"}}}).dump());
+    auto r = run(
+        store(steps, {{"secondListener", true}, {"hostAppDelegate", {"legacy", "token"}}}).dump());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(r.err.empty()) << r.err;
     for (const auto& l : r.trace) {
@@ -181,7 +217,8 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
     ASSERT_EQ(viewed.size(), 2u);
     EXPECT_EQ(viewed[0]["value"]["viewCount"], 1);
     EXPECT_TRUE(viewed[1]["value"].is_null()) << "no campaign of that id";
-    EXPECT_TRUE(r.where("result", "call", "setCampaignFulfilled")[0]["value"]["fulfilled"].get<bool>())
+    EXPECT_TRUE(
+        r.where("result", "call", "setCampaignFulfilled")[0]["value"]["fulfilled"].get<bool>())
         << "already fulfilled at the checkout";
     auto places = r.where("delegate", "name", "lurewave:didDetectPlace:onEvent:");
     EXPECT_EQ(places.front()["event"], 1);
@@ -226,18 +263,25 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
     auto enters = r.where("notification", "name", "QZWManagerDidEnterRegion");
     EXPECT_EQ(r.where("forwarded", "call", "locationManager:didEnterRegion:").size(), 4u);
     EXPECT_EQ(enters.size(), 3u) << "two entries in one pass make one notification";
-    EXPECT_FALSE(r.where("forwarded", "call", "locationManager:didChangeAuthorizationStatus:").empty());
-    EXPECT_FALSE(r.where("forwarded", "call", "locationManager:monitoringDidFailForRegion:withError:").empty());
+    EXPECT_FALSE(
+        r.where("forwarded", "call", "locationManager:didChangeAuthorizationStatus:").empty());
+    EXPECT_FALSE(
+        r.where("forwarded", "call", "locationManager:monitoringDidFailForRegion:withError:")
+            .empty());
     EXPECT_FALSE(r.where("delegate", "name", "lurewave:didFailWithError:").empty());
 
     // The location manager calls, the console and the server.
     auto monitor = r.where("location", "call", "startMonitoringForRegion");
     ASSERT_FALSE(monitor.empty());
-    EXPECT_EQ(monitor[0]["region"], json({{"class", "circle"}, {"identifier", "lot"}, {"latitude", 40.0},
-                                          {"longitude", -75.0}, {"radius", 30.0}}));
+    EXPECT_EQ(monitor[0]["region"], json({{"class", "circle"},
+                                          {"identifier", "lot"},
+                                          {"latitude", 40.0},
+                                          {"longitude", -75.0},
+                                          {"radius", 30.0}}));
     EXPECT_FALSE(r.where("location", "call", "stopMonitoringForRegion").empty());
     EXPECT_FALSE(r.where("log", "line", "Lurewave: Sync completed.").empty());
-    EXPECT_FALSE(r.where("log", "line", "Zonewise[Debug] Monitoring Geofence Circle Car park").empty());
+    EXPECT_FALSE(
+        r.where("log", "line", "Zonewise[Debug] Monitoring Geofence Circle Car park").empty());
     auto tokens = r.where("server", "path", "/tokens");
     ASSERT_EQ(tokens.size(), 2u);
     EXPECT_EQ(tokens[0]["method"], "POST");
@@ -252,7 +296,8 @@ TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
         {{"at", 1},
          {"walk",
           {{"origin", {40.0, -75.0}},
-           {"beacons", {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", {40, 0}}, {"measuredPower", -59}}}},
+           {"beacons",
+            {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", {40, 0}}, {"measuredPower", -59}}}},
            {"path", {{-60, 0, 0}, {40, 0.5, 60}, {90, 0, 100}}}}}},
         {{"at", 2}, {"call", "sync"}},  // registers again: the walk answers the state request
     });
@@ -271,12 +316,14 @@ TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
     EXPECT_EQ(state[0]["state"], 2) << "still outside the car park";
     auto range = r.where("delegate", "name", "zonewise:didRangeBeacons:inRegion:");
     double nearest = 99;
-    for (const auto& l : range) nearest = std::min(nearest, l["beacons"][0]["accuracy"].get<double>());
+    for (const auto& l : range)
+        nearest = std::min(nearest, l["beacons"][0]["accuracy"].get<double>());
     EXPECT_LT(nearest, 1.5) << "passing within half a metre";
     EXPECT_FALSE(r.where("server", "path", "/analytics").empty());
     EXPECT_FALSE(r.where("server", "path", "/status").empty());
     EXPECT_TRUE(quenby::test::readFile(docs.file("ZonewiseAnalytics.sqlite")));
-    EXPECT_NE(quenby::test::readFile(docs.file("map.svg")).value_or("").find("<polyline"), std::string::npos);
+    EXPECT_NE(quenby::test::readFile(docs.file("map.svg")).value_or("").find("<polyline"),
+              std::string::npos);
 
     // The same run as a readable timeline ends with a summary.
     auto readable = run(s.dump(), {});
@@ -299,7 +346,9 @@ TEST(LurewaveSim, MissingLocationUsageEndsWithTheException) {
 }
 
 TEST(LurewaveSim, MalformedScenariosAreRejectedBeforeAnythingRuns) {
-    auto step = [](json s) { return json{{"steps", json::array({{{"at", 0}, {"call", "start"}}, s})}}; };
+    auto step = [](json s) {
+        return json{{"steps", json::array({{{"at", 0}, {"call", "start"}}, s})}};
+    };
     std::vector<std::pair<std::string, std::string>> cases = {
         {"{not json", "not JSON"},
         {json{{"stpes", json::array()}}.dump(), "unknown key \"stpes\""},
@@ -309,8 +358,10 @@ TEST(LurewaveSim, MalformedScenariosAreRejectedBeforeAnythingRuns) {
         {step({{"at", 5}, {"call", "dance"}}).dump(), "step 1 (at 5): unknown call \"dance\""},
         {step({{"at", -1}, {"call", "stop"}}).dump(), "step 1 (at -1): time goes back"},
         {step({{"at", 5}, {"enter", {{"uuid", kU}, {"minor", 2}}}}).dump(), "step 1 (at 5)"},
-        {step({{"at", 5}, {"range", door()}, {"beacons", {{{"uuid", kU}}}}}).dump(), "step 1 (at 5)"},
-        {step({{"at", 5}, {"call", "registerDeviceToken"}, {"hex", "abc"}}).dump(), "step 1 (at 5)"},
+        {step({{"at", 5}, {"range", door()}, {"beacons", {{{"uuid", kU}}}}}).dump(),
+         "step 1 (at 5)"},
+        {step({{"at", 5}, {"call", "registerDeviceToken"}, {"hex", "abc"}}).dump(),
+         "step 1 (at 5)"},
         {step({{"at", "5"}, {"call", "stop"}}).dump(), "step 1 (at \"5\")"},
         {json{{"host", "proximity"}, {"steps", {{{"at", 0}, {"call", "foundCampaigns"}}}}}.dump(),
          "step 0 (at 0): call \"foundCampaigns\" needs the campaigns host"},

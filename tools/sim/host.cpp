@@ -44,9 +44,12 @@ Error errorOf(const Json& e) {
 }
 
 Beacon beaconOf(const Json& b) {
-    return Beacon{*UUID::parse(b["uuid"].get<std::string>()), b["major"].get<int>(),
-                  b["minor"].get<int>(), b.value("proximity", std::int64_t{2}),
-                  b.value("accuracy", 1.0), b.value("rssi", -60L)};
+    return Beacon{*UUID::parse(b["uuid"].get<std::string>()),
+                  b["major"].get<int>(),
+                  b["minor"].get<int>(),
+                  b.value("proximity", std::int64_t{2}),
+                  b.value("accuracy", 1.0),
+                  b.value("rssi", -60L)};
 }
 
 }  // namespace
@@ -55,7 +58,7 @@ Beacon beaconOf(const Json& b) {
 // The host's listeners, each tracing what reached it.
 
 class Host::Delegates {
-public:
+  public:
     explicit Delegates(Trace& trace) : trace(trace) {}
     Trace& trace;
 
@@ -75,13 +78,14 @@ public:
         void zonewiseDidExit(QZWManager&, const std::shared_ptr<const QZWRegion>& r) override {
             d->delegate("zonewise:didExit:", {{"region", regionJson(*r)}});
         }
-        void zonewiseDidDetermineStateForRegion(QZWManager&, std::int64_t s,
-                                                const std::shared_ptr<const QZWRegion>& r) override {
-            d->delegate("zonewise:didDetermineState:forRegion:", {{"state", s}, {"region", regionJson(*r)}});
+        void zonewiseDidDetermineStateForRegion(
+            QZWManager&, std::int64_t s, const std::shared_ptr<const QZWRegion>& r) override {
+            d->delegate("zonewise:didDetermineState:forRegion:",
+                        {{"state", s}, {"region", regionJson(*r)}});
         }
-        void zonewiseDidRangeBeaconsInRegion(QZWManager&,
-                                             const std::vector<std::shared_ptr<const QZWBeacon>>& b,
-                                             const std::shared_ptr<const QZWBeaconRegion>& r) override {
+        void zonewiseDidRangeBeaconsInRegion(
+            QZWManager&, const std::vector<std::shared_ptr<const QZWBeacon>>& b,
+            const std::shared_ptr<const QZWBeaconRegion>& r) override {
             d->delegate("zonewise:didRangeBeacons:inRegion:",
                         {{"beacons", beaconsJson(b)}, {"region", regionJson(*r)}});
         }
@@ -99,7 +103,8 @@ public:
         }
         void lurewaveDidDetectPlaceOnEvent(LWManager&, const std::shared_ptr<const LWPlace>& p,
                                            int event) override {
-            d->delegate("lurewave:didDetectPlace:onEvent:", {{"place", placeJson(*p)}, {"event", event}});
+            d->delegate("lurewave:didDetectPlace:onEvent:",
+                        {{"place", placeJson(*p)}, {"event", event}});
         }
         void lurewaveDidSync(LWManager&) override { d->delegate("lurewaveDidSync:"); }
         void lurewaveDidFailWithError(LWManager&, const Error& e) override {
@@ -115,34 +120,36 @@ public:
             if (r) f["region"] = platformRegionJson(*r);
             d->trace.add("forwarded", f);
         }
-        void locationManagerDidUpdateLocations(LocationManager&,
-                                               const std::vector<quenby::platform::Location>&) override {
+        void locationManagerDidUpdateLocations(
+            LocationManager&, const std::vector<quenby::platform::Location>&) override {
             forwarded("locationManager:didUpdateLocations:");
         }
-        void locationManagerDidDetermineStateForRegion(LocationManager&, std::int64_t,
-                                                       const std::shared_ptr<const Region>& r) override {
+        void locationManagerDidDetermineStateForRegion(
+            LocationManager&, std::int64_t, const std::shared_ptr<const Region>& r) override {
             forwarded("locationManager:didDetermineState:forRegion:", r);
         }
-        void locationManagerDidRangeBeaconsInRegion(LocationManager&, const std::vector<Beacon>&,
-                                                    const std::shared_ptr<const BeaconRegion>& r) override {
+        void locationManagerDidRangeBeaconsInRegion(
+            LocationManager&, const std::vector<Beacon>&,
+            const std::shared_ptr<const BeaconRegion>& r) override {
             forwarded("locationManager:didRangeBeacons:inRegion:", r);
         }
         void locationManagerRangingBeaconsDidFailForRegionWithError(
             LocationManager&, const std::shared_ptr<const BeaconRegion>& r, const Error&) override {
             forwarded("locationManager:rangingBeaconsDidFailForRegion:withError:", r);
         }
-        void locationManagerDidEnterRegion(LocationManager&, const std::shared_ptr<const Region>& r) override {
+        void locationManagerDidEnterRegion(LocationManager&,
+                                           const std::shared_ptr<const Region>& r) override {
             forwarded("locationManager:didEnterRegion:", r);
         }
-        void locationManagerDidExitRegion(LocationManager&, const std::shared_ptr<const Region>& r) override {
+        void locationManagerDidExitRegion(LocationManager&,
+                                          const std::shared_ptr<const Region>& r) override {
             forwarded("locationManager:didExitRegion:", r);
         }
         void locationManagerDidFailWithError(LocationManager*, const Error&) override {
             forwarded("locationManager:didFailWithError:");
         }
-        void locationManagerMonitoringDidFailForRegionWithError(LocationManager&,
-                                                                const std::shared_ptr<const Region>& r,
-                                                                const Error&) override {
+        void locationManagerMonitoringDidFailForRegionWithError(
+            LocationManager&, const std::shared_ptr<const Region>& r, const Error&) override {
             forwarded("locationManager:monitoringDidFailForRegion:withError:", r);
         }
         void locationManagerDidChangeAuthorizationStatus(LocationManager&, int) override {
@@ -157,10 +164,12 @@ public:
             switch (c) {
                 case Callback::DidReceiveRemoteNotificationFetchCompletionHandler:
                     return implemented.count("fetch") != 0;
-                case Callback::DidReceiveRemoteNotification: return implemented.count("legacy") != 0;
+                case Callback::DidReceiveRemoteNotification:
+                    return implemented.count("legacy") != 0;
                 case Callback::DidRegisterForRemoteNotificationsWithDeviceToken:
                     return implemented.count("token") != 0;
-                default: return false;
+                default:
+                    return false;
             }
         }
         std::string className() const override { return "SimulatorAppDelegate"; }
@@ -174,9 +183,11 @@ public:
             Application&, const quenby::platform::Bytes&) override {
             ran("token");
         }
-        void applicationDidReceiveRemoteNotification(Application&, const Json&) override { ran("legacy"); }
-        void applicationDidReceiveRemoteNotificationFetchCompletionHandler(Application&, const Json&,
-                                                                           FetchCompletion done) override {
+        void applicationDidReceiveRemoteNotification(Application&, const Json&) override {
+            ran("legacy");
+        }
+        void applicationDidReceiveRemoteNotificationFetchCompletionHandler(
+            Application&, const Json&, FetchCompletion done) override {
             ran("fetch");
             if (done) done(quenby::platform::kFetchResultNoData);
         }
@@ -200,7 +211,8 @@ Host::~Host() {
     if (platform_) platform_->scheduler->settle();
     quenby::platform::setConsoleSink(nullptr);
     if (delegates_) {
-        for (auto id : delegates_->observers) quenby::platform::NotificationCenter::defaultCenter().removeObserver(id);
+        for (auto id : delegates_->observers)
+            quenby::platform::NotificationCenter::defaultCenter().removeObserver(id);
     }
     std::error_code ec;
     if (!bundle_.empty()) std::filesystem::remove_all(bundle_, ec);
@@ -236,15 +248,16 @@ void Host::setUp() {
 
     // The embedded server first: its address goes into every "{server}" of the scenario.
     if (scenario_.server) {
-        server_ = std::make_unique<OperatorServer>(std::nullopt, std::nullopt, 0, [this](const ServedRequest& r) {
-            OrderedJson f, headers = OrderedJson::object();
-            for (const auto& [k, v] : r.headers) headers[k] = v;
-            f["method"] = r.method;
-            f["path"] = r.target;
-            f["headers"] = headers;
-            f["body"] = r.body;
-            trace_->add("server", f);
-        });
+        server_ = std::make_unique<OperatorServer>(
+            std::nullopt, std::nullopt, 0, [this](const ServedRequest& r) {
+                OrderedJson f, headers = OrderedJson::object();
+                for (const auto& [k, v] : r.headers) headers[k] = v;
+                f["method"] = r.method;
+                f["path"] = r.target;
+                f["headers"] = headers;
+                f["body"] = r.body;
+                trace_->add("server", f);
+            });
         Json s = *scenario_.server;
         substituteServer(s, server_->baseUrl());
         if (s.contains("kit")) server_->setKit(s["kit"]);
@@ -266,7 +279,7 @@ void Host::setUp() {
     location.setCapabilities(caps);
     const std::string& state = scenario_.device.applicationState;
     platform_->application->setApplicationState(
-        state == "active" ? quenby::platform::ApplicationState::Active
+        state == "active"     ? quenby::platform::ApplicationState::Active
         : state == "inactive" ? quenby::platform::ApplicationState::Inactive
                               : quenby::platform::ApplicationState::Background);
 
@@ -327,33 +340,39 @@ void Host::setUp() {
     platform_->application->setDelegate(delegates_->app);
     for (const char* name :
          {QZWManagerDidEnterRegionNotification, QZWManagerDidExitRegionNotification,
-          QZWManagerDidDetermineStateForRegionNotification, QZWManagerDidRangeBeaconsInRegionNotification,
-          QZWManagerDidTriggerAnalyticsEvent}) {
-        delegates_->observers.push_back(quenby::platform::NotificationCenter::defaultCenter().addObserver(
-            name, nullptr, [this](const quenby::platform::Notification& n) {
-                OrderedJson info = OrderedJson::object();
-                if (auto* e = n.userInfo.get<int>(QZWManagerNotificationEventKey)) info["QZWEvent"] = *e;
-                if (auto* r = n.userInfo.get<std::shared_ptr<const QZWRegion>>(QZWManagerNotificationRegionKey)) {
-                    info["QZWRegion"] = regionJson(**r);
-                }
-                if (auto* s = n.userInfo.get<std::int64_t>(QZWManagerNotificationRegionStateKey)) {
-                    info["QZWRegionState"] = *s;
-                }
-                if (auto* b = n.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(
-                        QZWManagerNotificationBeaconsKey)) {
-                    info["QZWIBeacons"] = beaconsJson(*b);
-                }
-                if (auto* t = n.userInfo.get<std::string>(QZWManagerNotificationAnalyticsEventTypeKey)) {
-                    info["QZWAnalyticsEventType"] = *t;
-                }
-                if (auto* d = n.userInfo.get<Json>(QZWManagerNotificationAnalyticsEventDetailsKey)) {
-                    info["QZWAnalyticsEventDetails"] = *d;
-                }
-                OrderedJson f;
-                f["name"] = n.name;
-                f["userInfo"] = info;
-                trace_->add("notification", f);
-            }));
+          QZWManagerDidDetermineStateForRegionNotification,
+          QZWManagerDidRangeBeaconsInRegionNotification, QZWManagerDidTriggerAnalyticsEvent}) {
+        delegates_->observers.push_back(
+            quenby::platform::NotificationCenter::defaultCenter().addObserver(
+                name, nullptr, [this](const quenby::platform::Notification& n) {
+                    OrderedJson info = OrderedJson::object();
+                    if (auto* e = n.userInfo.get<int>(QZWManagerNotificationEventKey))
+                        info["QZWEvent"] = *e;
+                    if (auto* r = n.userInfo.get<std::shared_ptr<const QZWRegion>>(
+                            QZWManagerNotificationRegionKey)) {
+                        info["QZWRegion"] = regionJson(**r);
+                    }
+                    if (auto* s =
+                            n.userInfo.get<std::int64_t>(QZWManagerNotificationRegionStateKey)) {
+                        info["QZWRegionState"] = *s;
+                    }
+                    if (auto* b = n.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(
+                            QZWManagerNotificationBeaconsKey)) {
+                        info["QZWIBeacons"] = beaconsJson(*b);
+                    }
+                    if (auto* t = n.userInfo.get<std::string>(
+                            QZWManagerNotificationAnalyticsEventTypeKey)) {
+                        info["QZWAnalyticsEventType"] = *t;
+                    }
+                    if (auto* d =
+                            n.userInfo.get<Json>(QZWManagerNotificationAnalyticsEventDetailsKey)) {
+                        info["QZWAnalyticsEventDetails"] = *d;
+                    }
+                    OrderedJson f;
+                    f["name"] = n.name;
+                    f["userInfo"] = info;
+                    trace_->add("notification", f);
+                }));
     }
 }
 
@@ -390,7 +409,8 @@ int Host::run() {
     platform_->scheduler->settle();
     auto& scheduler = *platform_->scheduler;
     for (const auto& step : scenario_.steps) {
-        scheduler.advanceTo(quenby::platform::Date::fromSecondsSince1970(scenario_.start + step.at));
+        scheduler.advanceTo(
+            quenby::platform::Date::fromSecondsSince1970(scenario_.start + step.at));
         bool ok = true;
         scheduler.performPass([&] {
             if (step.action.contains("call") && step.action["call"] == "create") {
@@ -402,7 +422,8 @@ int Host::run() {
         if (!ok) return 3;
         scheduler.settle();
     }
-    scheduler.advanceTo(quenby::platform::Date::fromSecondsSince1970(scenario_.start + scenario_.until));
+    scheduler.advanceTo(
+        quenby::platform::Date::fromSecondsSince1970(scenario_.start + scenario_.until));
     scheduler.settle();
     if (options_.svg) writeSvg(*options_.svg);
     summarize();
@@ -414,16 +435,18 @@ void Host::summarize() const {
     trace_->note("Summary");
     if (campaigns_) {
         for (const auto& c : campaigns_->foundCampaigns()) {
-            trace_->note(fmt::format("  campaign {}: found at place {}, viewed {} time(s), {}", c->id(),
-                                     c->foundAt() ? std::to_string(c->foundAt()->id()) : "-",
-                                     c->viewCount(), c->fulfilled() ? "fulfilled" : "not fulfilled"));
+            trace_->note(
+                fmt::format("  campaign {}: found at place {}, viewed {} time(s), {}", c->id(),
+                            c->foundAt() ? std::to_string(c->foundAt()->id()) : "-", c->viewCount(),
+                            c->fulfilled() ? "fulfilled" : "not fulfilled"));
         }
     }
     std::map<std::string, int> received;
     for (const auto& r : trace_->records("server")) {
         received[r["method"].get<std::string>() + " " + r["path"].get<std::string>()]++;
     }
-    for (const auto& [what, n] : received) trace_->note(fmt::format("  server received {} x{}", what, n));
+    for (const auto& [what, n] : received)
+        trace_->note(fmt::format("  server received {} x{}", what, n));
     trace_->note("  documents directory: " + documents_);
 }
 
@@ -452,7 +475,9 @@ void Host::result(const std::string& call, const OrderedJson& value) {
 void Host::execute(const Json& a) {
     auto& location = *platform_->location;
     auto& app = *platform_->application;
-    auto beaconRegion = [&](const Json& r) { return std::static_pointer_cast<const BeaconRegion>(region(r)); };
+    auto beaconRegion = [&](const Json& r) {
+        return std::static_pointer_cast<const BeaconRegion>(region(r));
+    };
     if (a.contains("call")) {
         call(a);
     } else if (a.contains("enter")) {
@@ -474,7 +499,8 @@ void Host::execute(const Json& a) {
     } else if (a.contains("authorization")) {
         location.deliverAuthorizationChange(a["authorization"].get<int>());
     } else if (a.contains("location")) {
-        location.deliverLocations({{a["location"][0].get<double>(), a["location"][1].get<double>()}});
+        location.deliverLocations(
+            {{a["location"][0].get<double>(), a["location"][1].get<double>()}});
     } else if (a.contains("applicationState")) {
         std::string s = a["applicationState"];
         app.setApplicationState(s == "active"     ? quenby::platform::ApplicationState::Active
@@ -528,9 +554,11 @@ void Host::call(const Json& a) {
         campaigns_ ? campaigns_->sync() : z->sync();
     } else if (name == "syncWithCompletionHandler") {
         auto report = [this](int r) { result("syncWithCompletionHandler", r); };
-        campaigns_ ? campaigns_->syncWithCompletionHandler(report) : z->syncWithCompletionHandler(report);
+        campaigns_ ? campaigns_->syncWithCompletionHandler(report)
+                   : z->syncWithCompletionHandler(report);
     } else if (name == "setPartnerIdentifier") {
-        campaigns_ ? campaigns_->setPartnerIdentifier(a["value"]) : z->setPartnerIdentifier(a["value"]);
+        campaigns_ ? campaigns_->setPartnerIdentifier(a["value"])
+                   : z->setPartnerIdentifier(a["value"]);
     } else if (name == "logLevel") {
         z->logLevel(a["value"].get<int>());
     } else if (name == "getLat") {
@@ -541,7 +569,8 @@ void Host::call(const Json& a) {
         result("foundCampaigns", idList(campaigns_->foundCampaigns()));
     } else if (name == "activeCampaigns") {
         result("activeCampaigns", idList(campaigns_->activeCampaigns()));
-    } else if (name == "setCampaignViewed" || name == "setCampaignFulfilled" || name == "showCampaignAlert") {
+    } else if (name == "setCampaignViewed" || name == "setCampaignFulfilled" ||
+               name == "showCampaignAlert") {
         auto c = campaigns_->campaignWithId(a["campaign"]);
         if (!c) {
             result(name, nullptr);  // no campaign of that id: nothing else happens
@@ -555,7 +584,8 @@ void Host::call(const Json& a) {
             result(name, campaignJson(*c));
         } else {
             LWCampaignAlertView::showWithCampaignAndCompletion(
-                *platform_->application, *c, [this, id = c->id()] { result("alertCompletion", id); });
+                *platform_->application, *c,
+                [this, id = c->id()] { result("alertCompletion", id); });
         }
     } else if (name == "registerDeviceToken") {
         campaigns_->registerDeviceToken(hexBytes(a["hex"]));
@@ -596,28 +626,32 @@ void Host::writeSvg(const std::string& path) const {
     auto X = [&](double x) { return (x - minX + margin) * scale; };
     auto Y = [&](double y) { return (maxY - y + margin) * scale; };  // north up
     std::ofstream out(path);
-    out << fmt::format("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{:.0f}\" height=\"{:.0f}\">\n",
-                       w * scale, h * scale);
+    out << fmt::format(
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{:.0f}\" height=\"{:.0f}\">\n",
+        w * scale, h * scale);
     out << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
     for (const auto& f : fences) {
-        out << fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"{:.1f}\" fill=\"#dbeafe\" stroke=\"#2563eb\"/>"
-                           "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\">{}</text>\n",
-                           X(f.x), Y(f.y), f.r * scale, X(f.x), Y(f.y), f.id);
+        out << fmt::format(
+            "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"{:.1f}\" fill=\"#dbeafe\" stroke=\"#2563eb\"/>"
+            "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\">{}</text>\n",
+            X(f.x), Y(f.y), f.r * scale, X(f.x), Y(f.y), f.id);
     }
     out << "<polyline fill=\"none\" stroke=\"#111\" stroke-width=\"2\" points=\"";
     for (const auto& p : walk_->path()) out << fmt::format("{:.1f},{:.1f} ", X(p.x), Y(p.y));
     out << "\"/>\n";
     for (const auto& b : walk_->beacons()) {
-        out << fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"5\" fill=\"#f59e0b\"/>"
-                           "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"11\">{}/{}</text>\n",
-                           X(b.x), Y(b.y), X(b.x) + 7, Y(b.y) - 7, b.major, b.minor);
+        out << fmt::format(
+            "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"5\" fill=\"#f59e0b\"/>"
+            "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"11\">{}/{}</text>\n",
+            X(b.x), Y(b.y), X(b.x) + 7, Y(b.y) - 7, b.major, b.minor);
     }
     for (const auto& f : finds_) {
         double x = f["x"], y = f["y"];
-        out << fmt::format("<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"7\" fill=\"none\" stroke=\"#dc2626\" "
-                           "stroke-width=\"3\"/><text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\" "
-                           "fill=\"#dc2626\">found {}</text>\n",
-                           X(x), Y(y), X(x) + 9, Y(y) + 14, f["campaign"].get<std::string>());
+        out << fmt::format(
+            "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"7\" fill=\"none\" stroke=\"#dc2626\" "
+            "stroke-width=\"3\"/><text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\" "
+            "fill=\"#dc2626\">found {}</text>\n",
+            X(x), Y(y), X(x) + 9, Y(y) + 14, f["campaign"].get<std::string>());
     }
     out << "</svg>\n";
 }

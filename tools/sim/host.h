@@ -26,13 +26,13 @@ struct RunOptions {
 };
 
 class Host {
-public:
+  public:
     Host(Scenario scenario, RunOptions options);
     ~Host();
     // Runs the scenario; answers the exit status (0, or 3 when creating the manager raised).
     int run();
 
-private:
+  private:
     class Delegates;
     void setUp();
     bool createManager();

@@ -48,7 +48,8 @@ int serveCommand(const std::string& kitFile, const std::string& feedFile, int po
     auto kitJson = nlohmann::json::parse(*kit, nullptr, false);
     auto feedJson = nlohmann::json::parse(*feed, nullptr, false);
     if (kitJson.is_discarded() || feedJson.is_discarded()) {
-        std::fprintf(stderr, "lurewave-sim: %s is not JSON\n", (kitJson.is_discarded() ? kitFile : feedFile).c_str());
+        std::fprintf(stderr, "lurewave-sim: %s is not JSON\n",
+                     (kitJson.is_discarded() ? kitFile : feedFile).c_str());
         return 2;
     }
     // Stops on Ctrl-C or a termination signal.

@@ -12,9 +12,12 @@ namespace sim {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& msg) { throw ScenarioError(msg); }
+[[noreturn]] void fail(const std::string& msg) {
+    throw ScenarioError(msg);
+}
 
-void onlyKeys(const Json& obj, std::initializer_list<const char*> allowed, const std::string& what) {
+void onlyKeys(const Json& obj, std::initializer_list<const char*> allowed,
+              const std::string& what) {
     for (const auto& [k, v] : obj.items()) {
         bool ok = false;
         for (const char* a : allowed) ok = ok || k == a;
@@ -130,13 +133,21 @@ void walk(const Json& w) {
     }
 }
 
-const std::set<std::string> kPlainCalls = {"start",       "stop",          "sync",
-                                           "syncWithCompletionHandler",    "deregisterDeviceToken",
-                                           "resignActive", "getLat",       "getLng",
-                                           "foundCampaigns", "activeCampaigns", "destroy", "create"};
+const std::set<std::string> kPlainCalls = {"start",
+                                           "stop",
+                                           "sync",
+                                           "syncWithCompletionHandler",
+                                           "deregisterDeviceToken",
+                                           "resignActive",
+                                           "getLat",
+                                           "getLng",
+                                           "foundCampaigns",
+                                           "activeCampaigns",
+                                           "destroy",
+                                           "create"};
 const std::set<std::string> kCampaignCalls = {
-    "setCampaignViewed", "setCampaignFulfilled", "registerDeviceToken", "deregisterDeviceToken",
-    "remoteNotification", "foundCampaigns",      "activeCampaigns",     "showCampaignAlert"};
+    "setCampaignViewed",  "setCampaignFulfilled", "registerDeviceToken", "deregisterDeviceToken",
+    "remoteNotification", "foundCampaigns",       "activeCampaigns",     "showCampaignAlert"};
 
 void call(const Json& a, const std::string& host) {
     std::string name = string(a["call"], "\"call\"");
@@ -295,11 +306,13 @@ Scenario parseScenario(const std::string& text) {
     if (s.contains("device")) {
         const Json& d = s["device"];
         object(d, "\"device\"");
-        onlyKeys(d, {"authorization", "monitoringAvailable", "rangingAvailable", "vendorId",
-                     "applicationState", "hostAppDelegate", "secondListener"},
+        onlyKeys(d,
+                 {"authorization", "monitoringAvailable", "rangingAvailable", "vendorId",
+                  "applicationState", "hostAppDelegate", "secondListener"},
                  "\"device\"");
         if (d.contains("authorization")) {
-            out.device.authorization = static_cast<int>(integer(d["authorization"], "\"authorization\"", 0, 4));
+            out.device.authorization =
+                static_cast<int>(integer(d["authorization"], "\"authorization\"", 0, 4));
         }
         if (d.contains("monitoringAvailable")) {
             boolean(d["monitoringAvailable"], "\"monitoringAvailable\"");
@@ -319,7 +332,8 @@ Scenario parseScenario(const std::string& text) {
         }
         if (d.contains("applicationState")) {
             out.device.applicationState = string(d["applicationState"], "\"applicationState\"");
-            if (out.device.applicationState != "active" && out.device.applicationState != "inactive" &&
+            if (out.device.applicationState != "active" &&
+                out.device.applicationState != "inactive" &&
                 out.device.applicationState != "background") {
                 fail("\"applicationState\" must be active, inactive or background");
             }
@@ -362,7 +376,8 @@ Scenario parseScenario(const std::string& text) {
     }
     if (s.contains("until")) {
         out.until = number(s["until"], "\"until\"");
-        if (!out.steps.empty() && out.until < out.steps.back().at) fail("\"until\" is before the last step");
+        if (!out.steps.empty() && out.until < out.steps.back().at)
+            fail("\"until\" is before the last step");
     }
     return out;
 }
@@ -370,7 +385,8 @@ Scenario parseScenario(const std::string& text) {
 void substituteServer(Json& j, const std::string& base) {
     if (j.is_string()) {
         std::string s = j.get<std::string>();
-        for (std::size_t p = s.find("{server}"); p != std::string::npos; p = s.find("{server}", p)) {
+        for (std::size_t p = s.find("{server}"); p != std::string::npos;
+             p = s.find("{server}", p)) {
             s.replace(p, 8, base);
             p += base.size();
         }

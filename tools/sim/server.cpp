@@ -15,7 +15,8 @@ OperatorServer::OperatorServer(std::optional<nlohmann::json> kit,
     auto handle = [this](const httplib::Request& req, httplib::Response& res) {
         ServedRequest r{req.method, req.target, req.body, {}};
         for (const auto& [k, v] : req.headers) {
-            if (k == "REMOTE_ADDR" || k == "REMOTE_PORT" || k == "LOCAL_ADDR" || k == "LOCAL_PORT") continue;
+            if (k == "REMOTE_ADDR" || k == "REMOTE_PORT" || k == "LOCAL_ADDR" || k == "LOCAL_PORT")
+                continue;
             r.headers.emplace_back(k, v);
         }
         if (listener_) listener_(r);
@@ -45,7 +46,9 @@ OperatorServer::OperatorServer(std::optional<nlohmann::json> kit,
     while (!server_->is_running()) std::this_thread::yield();
 }
 
-OperatorServer::~OperatorServer() { stop(); }
+OperatorServer::~OperatorServer() {
+    stop();
+}
 
 void OperatorServer::setKit(nlohmann::json kit) {
     std::lock_guard lk(mu_);

@@ -24,7 +24,7 @@ struct ServedRequest {
 };
 
 class OperatorServer {
-public:
+  public:
     using Listener = std::function<void(const ServedRequest&)>;
 
     // Serves on `port` (0: any free port). Throws std::runtime_error when it cannot bind.
@@ -40,7 +40,7 @@ public:
     void wait();
     void stop();
 
-private:
+  private:
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     int port_ = 0;

@@ -11,7 +11,9 @@ namespace sim {
 Trace::Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, Date start, bool json)
     : scheduler_(std::move(scheduler)), start_(start), json_(json) {}
 
-double Trace::now() const { return scheduler_->now().timeIntervalSince(start_); }
+double Trace::now() const {
+    return scheduler_->now().timeIntervalSince(start_);
+}
 
 void Trace::add(const std::string& type, const OrderedJson& fields) {
     OrderedJson r;
@@ -20,8 +22,8 @@ void Trace::add(const std::string& type, const OrderedJson& fields) {
     for (const auto& [k, v] : fields.items()) r[k] = v;
     std::lock_guard lk(mu_);
     records_.push_back(r);
-    std::string line = json_ ? r.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
-                             : readable(r);
+    std::string line =
+        json_ ? r.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : readable(r);
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
     std::fflush(stdout);
@@ -79,7 +81,8 @@ std::string Trace::readable(const OrderedJson& r) const {
         std::string s = head + r["name"].get<std::string>();
         const auto& info = r["userInfo"];
         if (info.contains("QZWRegion")) s += " " + regionName(info["QZWRegion"]);
-        if (info.contains("QZWAnalyticsEventDetails")) s += " " + compact(info["QZWAnalyticsEventDetails"]);
+        if (info.contains("QZWAnalyticsEventDetails"))
+            s += " " + compact(info["QZWAnalyticsEventDetails"]);
         return s;
     }
     if (type == "log") return head + r["line"].get<std::string>();
@@ -105,9 +108,15 @@ std::string Trace::readable(const OrderedJson& r) const {
 OrderedJson regionJson(const QZWRegion& r) {
     OrderedJson j;
     switch (r.kind()) {
-        case QZWRegion::Kind::Circle: j["class"] = "QZWCircle"; break;
-        case QZWRegion::Kind::BeaconRegion: j["class"] = "QZWBeaconRegion"; break;
-        case QZWRegion::Kind::Beacon: j["class"] = "QZWBeacon"; break;
+        case QZWRegion::Kind::Circle:
+            j["class"] = "QZWCircle";
+            break;
+        case QZWRegion::Kind::BeaconRegion:
+            j["class"] = "QZWBeaconRegion";
+            break;
+        case QZWRegion::Kind::Beacon:
+            j["class"] = "QZWBeacon";
+            break;
     }
     if (r.identifier()) j["identifier"] = *r.identifier();
     if (r.name()) j["name"] = *r.name();

@@ -22,7 +22,7 @@ using Json = nlohmann::json;
 using OrderedJson = nlohmann::ordered_json;
 
 class Trace {
-public:
+  public:
     Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, quenby::platform::Date start,
           bool json);
 
@@ -34,7 +34,7 @@ public:
     std::vector<OrderedJson> records(const std::string& type) const;
     double now() const;
 
-private:
+  private:
     std::string readable(const OrderedJson& r) const;
 
     std::shared_ptr<quenby::platform::Scheduler> scheduler_;

@@ -12,7 +12,8 @@ namespace {
 constexpr double kMetresPerDegree = 111320.0;
 }
 
-Walk::Walk(const nlohmann::json& description, std::shared_ptr<quenby::platform::Scheduler> scheduler,
+Walk::Walk(const nlohmann::json& description,
+           std::shared_ptr<quenby::platform::Scheduler> scheduler,
            std::shared_ptr<quenby::platform::LocationService> location)
     : scheduler_(std::move(scheduler)), location_(std::move(location)) {
     originLat_ = description["origin"][0].get<double>();

@@ -4,10 +4,10 @@
 //
 // Radio model: RSSI = measuredPower - 10 n log10(d) + noise, with the path-loss exponent n = 2.0,
 // d the distance in metres (at least 0.1) and Gaussian noise of 1.5 dB from a fixed seed. A beacon
-// is heard at RSSI -85 dBm or more (about 20 m at -59 dBm measured power); its accuracy is the distance that RSSI implies,
-// 10^((measuredPower - RSSI) / (10 n)), and its proximity immediate under 0.5 m, near under 3 m,
-// far beyond. A beacon region is entered when one of its beacons is heard and left after 10 s
-// with none heard; a geofence holds the positions within its radius.
+// is heard at RSSI -85 dBm or more (about 20 m at -59 dBm measured power); its accuracy is the
+// distance that RSSI implies, 10^((measuredPower - RSSI) / (10 n)), and its proximity immediate
+// under 0.5 m, near under 3 m, far beyond. A beacon region is entered when one of its beacons is
+// heard and left after 10 s with none heard; a geofence holds the positions within its radius.
 #pragma once
 
 #include <map>
@@ -24,7 +24,7 @@
 namespace sim {
 
 class Walk : public std::enable_shared_from_this<Walk> {
-public:
+  public:
     struct Point {
         double x, y, t;
     };
@@ -57,7 +57,7 @@ public:
     // Metres east/north of the origin for a latitude/longitude.
     std::pair<double, double> toLocal(double latitude, double longitude) const;
 
-private:
+  private:
     void tick();
     bool insideCircle(const quenby::platform::CircularRegion& c, double x, double y) const;
     // The beacons of `region` heard at (x, y), with their readings.
@@ -72,8 +72,8 @@ private:
     double startedAt_ = 0;
     std::mt19937 rng_{kSeed};
     std::shared_ptr<quenby::platform::RunLoopTimer> timer_;
-    std::set<std::string> inside_;                // regions the device is in, by identifier
-    std::map<std::string, double> lastHeard_;     // beacon regions: last time one was heard
+    std::set<std::string> inside_;             // regions the device is in, by identifier
+    std::map<std::string, double> lastHeard_;  // beacon regions: last time one was heard
 };
 
 }  // namespace sim
