@@ -17,6 +17,11 @@ class DeviceInfo {
     virtual ~DeviceInfo() = default;
     // Nothing when the platform cannot give one. Any thread.
     virtual std::optional<UUID> identifierForVendor() const = 0;
+    // The same as upper-case UUID text, as it is sent to the servers.
+    std::optional<std::string> identifierForVendorString() const {
+        auto id = identifierForVendor();
+        return id ? std::optional(id->uuidString()) : std::nullopt;
+    }
 };
 
 // A given identifier (or none): tests and the simulator.

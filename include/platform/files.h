@@ -34,6 +34,10 @@ class LocalFileSystem final : public FileSystem {
     bool fileExists(const std::string& path) const override;
 };
 
+// `text` made safe as (part of) a file name: "/" becomes "%2F" and NUL "%00", so that a name
+// taken from outside never leaves its directory.
+std::string safeFileNameComponent(std::string_view text);
+
 // `dir` + "/" + `name`, without doubling a trailing slash of `dir`.
 std::string joinPath(std::string_view dir, std::string_view name);
 // Creates `dir` and its parents; false when that fails.

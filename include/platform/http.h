@@ -15,6 +15,11 @@ namespace quenby::platform {
 
 class Scheduler;
 
+// The "AUTHORIZATION" value every layer sends: Token token="<token>" ("(null)" without one).
+inline std::string tokenAuthorization(const std::optional<std::string>& token) {
+    return "Token token=\"" + token.value_or("(null)") + "\"";
+}
+
 struct HttpRequest {
     std::string method = "GET";
     std::string url;

@@ -47,9 +47,6 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
 
     // --- The host thread's run loop -------------------------------------------------------
     bool isHostThread() const { return std::this_thread::get_id() == hostThread_; }
-    // Makes the calling thread the host thread (for a host that creates the platform on one
-    // thread and runs its loop on another).
-    void bindHostThread() { hostThread_ = std::this_thread::get_id(); }
 
     // Runs `task` as one pass of the run loop, then delivers the notifications queued on this
     // thread during the pass. Host thread only.

@@ -13,6 +13,14 @@ namespace quenby::platform {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// 0-15 for a hexadecimal digit in either case, -1 for anything else.
+constexpr int hexDigitValue(char c) {
+    return c >= '0' && c <= '9'   ? c - '0'
+           : c >= 'a' && c <= 'f' ? c - 'a' + 10
+           : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                  : -1;
+}
+
 inline Bytes toBytes(std::string_view s) {
     return Bytes(s.begin(), s.end());
 }

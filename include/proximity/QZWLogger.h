@@ -33,9 +33,8 @@ class QZWLogger {
     // The threshold is held in one signed byte: larger values wrap as a byte does.
     static void setLevel(int level);
     static std::int8_t level();
-    static bool passes(int level) { return level <= level_(); }
+    static bool passes(int level) { return level <= QZWLogger::level(); }
 
   private:
-    static std::int8_t level_();
     static void write(int level, std::string_view message);
 };

@@ -30,8 +30,7 @@ class QTLDevice {
         : device_(std::move(d)) {}
     // Nothing when the platform gives no identifier.
     std::optional<std::string> getUUID() const {
-        auto id = device_ ? device_->identifierForVendor() : std::nullopt;
-        return id ? std::optional(id->uuidString()) : std::nullopt;
+        return device_ ? device_->identifierForVendorString() : std::nullopt;
     }
 
   private:

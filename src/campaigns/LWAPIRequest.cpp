@@ -10,12 +10,11 @@ LWAPIRequest::LWAPIRequest(std::shared_ptr<quenby::platform::Platform> platform,
     : platform_(std::move(platform)), apiToken_(std::move(apiToken)) {}
 
 std::optional<std::string> LWAPIRequest::currentDeviceUUID() const {
-    auto id = platform_->device->identifierForVendor();
-    return id ? std::optional(id->uuidString()) : std::nullopt;
+    return platform_->device->identifierForVendorString();
 }
 
 void LWAPIRequest::setHeaders(HttpRequest& request) const {
-    request.setHeader("AUTHORIZATION", "Token token=\"" + apiToken_.value_or("(null)") + "\"");
+    request.setHeader("AUTHORIZATION", quenby::platform::tokenAuthorization(apiToken_));
     request.setHeader("X-LW-FrameworkVersion", std::string(kLurewaveFrameworkVersion));
     request.setHeader("X-LW-AppID", currentDeviceUUID());
     request.setHeader("Content-Type", "application/json");

@@ -8,6 +8,7 @@
 #include "campaigns/LWZonewiseDelegate.h"
 #include "platform/archive.h"
 #include "platform/console.h"
+#include "platform/files.h"
 #include "proximity/QZWAnalyticsEvent.h"
 #include "proximity/QZWManager.h"
 
@@ -270,17 +271,8 @@ void LWManager::setZWManager(std::shared_ptr<QZWManager> m) {
 std::string LWManager::plistPath() const {
     // The token names the file; a token never names a file outside the documents directory.
     std::string token = config_->LWAPIToken().value_or("(null)");
-    std::string safe;
-    for (char c : token) {
-        if (c == '/') {
-            safe += "%2F";
-        } else if (c == '\0') {
-            safe += "%00";
-        } else {
-            safe += c;
-        }
-    }
-    return platform_->documentsDirectory + "/LurewaveState_" + safe + ".plist";
+    return platform_->documentsDirectory + "/LurewaveState_" +
+           quenby::platform::safeFileNameComponent(token) + ".plist";
 }
 
 bool LWManager::stateWasPersisted() const {

@@ -102,11 +102,12 @@ bool Database::executeStatements(const std::string& sql) {
     return true;
 }
 
-sqlite3_stmt* Database::prepare(const std::string& sql, bool& cached) {
+sqlite3_stmt* Database::prepare(const std::string& sql, CachedStatement*& entry) {
+    entry = nullptr;
     auto it = cache_.find(sql);
     if (it != cache_.end() && !it->second.inUse) {
         it->second.inUse = true;
-        cached = true;
+        entry = &it->second;
         return it->second.stmt;
     }
     sqlite3_stmt* stmt = nullptr;
@@ -117,22 +118,19 @@ sqlite3_stmt* Database::prepare(const std::string& sql, bool& cached) {
         return nullptr;
     }
     // A statement already in use (the same query nested in itself) stays out of the cache.
-    cached = it == cache_.end();
-    if (cached) cache_.emplace(sql, Cached{stmt, true});
+    if (it == cache_.end()) entry = &cache_.emplace(sql, CachedStatement{stmt, true}).first->second;
     return stmt;
 }
 
-void Database::release(sqlite3_stmt* stmt, bool cached) {
+void Database::release(sqlite3_stmt* stmt, CachedStatement* entry) {
     if (!stmt) return;
-    if (!cached) {
+    if (!entry) {
         sqlite3_finalize(stmt);
         return;
     }
     sqlite3_reset(stmt);
     sqlite3_clear_bindings(stmt);
-    for (auto& [sql, c] : cache_) {
-        if (c.stmt == stmt) c.inUse = false;
-    }
+    entry->inUse = false;
 }
 
 bool Database::bind(sqlite3_stmt* stmt, const SqlArg* args, std::size_t n, const std::string& sql) {
@@ -167,8 +165,8 @@ bool Database::bind(sqlite3_stmt* stmt, const SqlArg* args, std::size_t n, const
 }
 
 bool Database::update(const std::string& sql, const SqlArg* args, std::size_t n) {
-    bool cached = false;
-    sqlite3_stmt* stmt = prepare(sql, cached);
+    CachedStatement* entry = nullptr;
+    sqlite3_stmt* stmt = prepare(sql, entry);
     if (!stmt) return false;
     bool ok = bind(stmt, args, n, sql);
     if (ok) {
@@ -180,7 +178,7 @@ bool Database::update(const std::string& sql, const SqlArg* args, std::size_t n)
             ok = false;
         }
     }
-    release(stmt, cached);
+    release(stmt, entry);
     return ok;
 }
 
@@ -194,14 +192,14 @@ bool Database::executeUpdate(const std::string& sql, const std::vector<SqlArg>& 
 
 std::unique_ptr<ResultSet> Database::query(const std::string& sql, const SqlArg* args,
                                            std::size_t n) {
-    bool cached = false;
-    sqlite3_stmt* stmt = prepare(sql, cached);
+    CachedStatement* entry = nullptr;
+    sqlite3_stmt* stmt = prepare(sql, entry);
     if (!stmt) return nullptr;
     if (!bind(stmt, args, n, sql)) {
-        release(stmt, cached);
+        release(stmt, entry);
         return nullptr;
     }
-    return std::unique_ptr<ResultSet>(new ResultSet(this, stmt, cached, sql));
+    return std::unique_ptr<ResultSet>(new ResultSet(this, stmt, entry, sql));
 }
 
 std::unique_ptr<ResultSet> Database::executeQuery(const std::string& sql,
@@ -226,8 +224,8 @@ bool Database::rollback() {
 
 // ---------------------------------------------------------------------------------------------
 
-ResultSet::ResultSet(Database* db, sqlite3_stmt* stmt, bool cached, std::string sql)
-    : db_(db), stmt_(stmt), cached_(cached), sql_(std::move(sql)) {}
+ResultSet::ResultSet(Database* db, sqlite3_stmt* stmt, CachedStatement* cacheEntry, std::string sql)
+    : db_(db), stmt_(stmt), cacheEntry_(cacheEntry), sql_(std::move(sql)) {}
 
 ResultSet::~ResultSet() {
     close();
@@ -235,7 +233,7 @@ ResultSet::~ResultSet() {
 
 void ResultSet::close() {
     if (!stmt_) return;
-    db_->release(stmt_, cached_);
+    db_->release(stmt_, cacheEntry_);
     stmt_ = nullptr;
 }
 

@@ -58,6 +58,12 @@ class SqlArg {
 
 class Database;
 
+// A prepared statement kept in its connection's cache, and whether a result set holds it.
+struct CachedStatement {
+    sqlite3_stmt* stmt;
+    bool inUse;
+};
+
 // The rows of one query. Reading a column of the wrong kind converts as SQLite does.
 class ResultSet {
   public:
@@ -120,7 +126,7 @@ class ResultSet {
 
   private:
     friend class Database;
-    ResultSet(Database* db, sqlite3_stmt* stmt, bool cached, std::string sql);
+    ResultSet(Database* db, sqlite3_stmt* stmt, CachedStatement* cacheEntry, std::string sql);
     template <class F, class R>
     R at(std::string_view name, F f, R missing) const {
         int i = columnIndexForName(name);
@@ -129,7 +135,7 @@ class ResultSet {
 
     Database* db_;
     sqlite3_stmt* stmt_;
-    bool cached_;
+    CachedStatement* cacheEntry_;  // null for a statement kept out of the cache
     std::string sql_;
     mutable std::map<std::string, int, std::less<>> names_;  // lower-cased name -> index
 };
@@ -172,20 +178,18 @@ class Database {
   private:
     friend class ResultSet;
     Database(sqlite3* db, std::optional<std::string> path) : db_(db), path_(std::move(path)) {}
-    sqlite3_stmt* prepare(const std::string& sql, bool& cached);
+    // The statement for `sql`, and its cache entry (null for a statement kept out of the cache).
+    sqlite3_stmt* prepare(const std::string& sql, CachedStatement*& entry);
     bool bind(sqlite3_stmt* stmt, const SqlArg* args, std::size_t n, const std::string& sql);
-    void release(sqlite3_stmt* stmt, bool cached);
+    void release(sqlite3_stmt* stmt, CachedStatement* entry);
     void logError(const std::string& sql) const;
     std::unique_ptr<ResultSet> query(const std::string& sql, const SqlArg* args, std::size_t n);
     bool update(const std::string& sql, const SqlArg* args, std::size_t n);
 
-    struct Cached {
-        sqlite3_stmt* stmt;
-        bool inUse;
-    };
     sqlite3* db_;
     std::optional<std::string> path_;
-    std::map<std::string, Cached, std::less<>> cache_;
+    // Map nodes do not move: entries are held by pointer while a result set uses them.
+    std::map<std::string, CachedStatement, std::less<>> cache_;
 };
 
 // Serialises all use of one connection on a serial dispatch queue.

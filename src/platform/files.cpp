@@ -88,6 +88,21 @@ bool LocalFileSystem::fileExists(const std::string& path) const {
     return ::stat(path.c_str(), &st) == 0;
 }
 
+std::string safeFileNameComponent(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char ch : text) {
+        if (ch == '/') {
+            out += "%2F";
+        } else if (ch == '\0') {
+            out += "%00";
+        } else {
+            out += ch;
+        }
+    }
+    return out;
+}
+
 std::string joinPath(std::string_view dir, std::string_view name) {
     std::string out(dir);
     if (!out.empty() && out.back() == '/' && !name.empty() && name.front() == '/') {

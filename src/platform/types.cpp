@@ -140,15 +140,6 @@ std::optional<Date> parseTimestamp(std::string_view t) {
     return Date::fromSecondsSince1970(secs + fraction);
 }
 
-namespace {
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-}  // namespace
-
 std::optional<UUID> UUID::parse(std::string_view text) {
     if (text.size() != 36) return std::nullopt;
     Bytes16 b{};
@@ -159,7 +150,7 @@ std::optional<UUID> UUID::parse(std::string_view text) {
             ++i;
             continue;
         }
-        int hi = hexValue(text[i]), lo = hexValue(text[i + 1]);
+        int hi = hexDigitValue(text[i]), lo = hexDigitValue(text[i + 1]);
         if (hi < 0 || lo < 0) return std::nullopt;
         b[bi++] = static_cast<std::uint8_t>(hi * 16 + lo);
         i += 2;

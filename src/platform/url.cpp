@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "platform/crypto.h"
+#include "platform/files.h"
 
 namespace quenby::platform {
 
@@ -22,17 +23,11 @@ std::string getPart(CURLU* u, CURLUPart part) {
     return out;
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 bool validEscapes(std::string_view s) {
     for (std::size_t i = 0; i < s.size(); ++i) {
         if (s[i] != '%') continue;
-        if (i + 2 >= s.size() || hexValue(s[i + 1]) < 0 || hexValue(s[i + 2]) < 0) return false;
+        if (i + 2 >= s.size() || hexDigitValue(s[i + 1]) < 0 || hexDigitValue(s[i + 2]) < 0)
+            return false;
         i += 2;
     }
     return true;
@@ -42,8 +37,10 @@ std::string percentDecode(std::string_view s) {
     std::string out;
     out.reserve(s.size());
     for (std::size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '%' && i + 2 < s.size() && hexValue(s[i + 1]) >= 0 && hexValue(s[i + 2]) >= 0) {
-            out.push_back(static_cast<char>(hexValue(s[i + 1]) * 16 + hexValue(s[i + 2])));
+        if (s[i] == '%' && i + 2 < s.size() && hexDigitValue(s[i + 1]) >= 0 &&
+            hexDigitValue(s[i + 2]) >= 0) {
+            out.push_back(
+                static_cast<char>(hexDigitValue(s[i + 1]) * 16 + hexDigitValue(s[i + 2])));
             i += 2;
         } else {
             out.push_back(s[i]);
@@ -105,15 +102,7 @@ std::string cacheFileName(std::string_view prefix, const Url& url, std::string_v
         if (c == "/") continue;
         if (!first) joined += '-';
         first = false;
-        for (char ch : c) {
-            if (ch == '/') {
-                joined += "%2F";
-            } else if (ch == '\0') {
-                joined += "%00";
-            } else {
-                joined += ch;
-            }
-        }
+        joined += safeFileNameComponent(c);
     }
     constexpr std::size_t kMaxName = 255;  // NAME_MAX of common Linux file systems
     std::string name = std::string(prefix) + joined + std::string(suffix);

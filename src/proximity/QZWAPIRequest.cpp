@@ -18,7 +18,7 @@ HttpRequest QZWAPIRequest::newRequest(const std::optional<Url>& url,
     req.method = method;
     // No URL: the transfer fails in the HTTP layer, as a request for nothing does.
     req.url = url ? url->absoluteString() : std::string();
-    req.setHeader("AUTHORIZATION", "Token token=\"" + apiToken_.value_or("(null)") + "\"");
+    req.setHeader("AUTHORIZATION", quenby::platform::tokenAuthorization(apiToken_));
     req.setHeader("X-ZW-AppID", QZWDevice(platform_->device).getUUID());
     req.setHeader("X-ZW-FrameworkVersion", std::string(kZonewiseFrameworkVersion));
     if (method == "POST") {

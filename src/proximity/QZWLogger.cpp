@@ -21,9 +21,6 @@ void QZWLogger::setLevel(int level) {
 std::int8_t QZWLogger::level() {
     return gThreshold.load();
 }
-std::int8_t QZWLogger::level_() {
-    return gThreshold.load(std::memory_order_relaxed);
-}
 
 void QZWLogger::write(int level, std::string_view message) {
     if (level < QZWLogLevelEmergency || level > QZWLogLevelDebug) return;

@@ -19,7 +19,5 @@ std::string QZWPartner::getIdentifier() const {
 }
 
 std::optional<std::string> QZWDevice::getUUID() const {
-    if (!device_) return std::nullopt;
-    auto id = device_->identifierForVendor();
-    return id ? std::optional(id->uuidString()) : std::nullopt;
+    return device_ ? device_->identifierForVendorString() : std::nullopt;
 }

@@ -14,7 +14,7 @@ QTLAPIRequest::QTLAPIRequest(std::shared_ptr<quenby::platform::Platform> platfor
 HttpRequest QTLAPIRequest::newApiRequest(const std::optional<Url>& url) const {
     HttpRequest req;
     req.url = url ? url->absoluteString() : std::string();
-    req.setHeader("AUTHORIZATION", "Token token=\"" + apiToken_.value_or("(null)") + "\"");
+    req.setHeader("AUTHORIZATION", quenby::platform::tokenAuthorization(apiToken_));
     req.setHeader("X-TL-AppID", QTLDevice(platform_->device).getUUID());
     req.setHeader("X-TL-FrameworkVersion", std::string(kTallylineFrameworkVersion));
     return req;

@@ -18,8 +18,16 @@ namespace {
 
 // Replaces random nodes of `j` with values of other kinds.
 void mutate(Json& j, std::mt19937& rng, int depth = 0) {
-    static const Json kinds[] = {nullptr, true, -1, 4294967297LL, 1e300, "", "x",
-                                 Json::array(), Json::object(), Json::array({1, "a", nullptr})};
+    static const Json kinds[] = {nullptr,
+                                 true,
+                                 -1,
+                                 4294967297LL,
+                                 1e300,
+                                 "",
+                                 "x",
+                                 Json::array(),
+                                 Json::object(),
+                                 Json::array({1, "a", nullptr})};
     if (rng() % 6 == 0 || depth > 6) {
         j = kinds[rng() % std::size(kinds)];
         return;
@@ -41,7 +49,8 @@ void mutate(Json& j, std::mt19937& rng, int depth = 0) {
 
 Bytes flip(Bytes b, std::mt19937& rng) {
     if (b.empty()) return b;
-    for (int i = static_cast<int>(rng() % 8); i >= 0; --i) b[rng() % b.size()] = static_cast<std::uint8_t>(rng());
+    for (int i = static_cast<int>(rng() % 8); i >= 0; --i)
+        b[rng() % b.size()] = static_cast<std::uint8_t>(rng());
     if (rng() % 3 == 0) b.resize(rng() % b.size());
     return b;
 }
@@ -51,11 +60,21 @@ Json sampleKit() {
             {"name", "Store"},
             {"status_url", "http://127.0.0.1:1/status"},
             {"status_token", "st"},
-            {"map", {{"overlays", {{{"type", "circle"}, {"identifier", "f"}, {"center", {40.0, -75.0}}, {"radius", 30}}}}}},
+            {"map",
+             {{"overlays",
+               {{{"type", "circle"},
+                 {"identifier", "f"},
+                 {"center", {40.0, -75.0}},
+                 {"radius", 30}}}}}},
             {"ibeacons",
-             {{{"uuid", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"}, {"major", 1}, {"minor", 1},
-               {"identifier", "door"}, {"attributes", {{"lw_place_ids", "[7]"}}}},
-              {{"uuid", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"}, {"major", nullptr}, {"minor", nullptr}}}}};
+             {{{"uuid", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"},
+               {"major", 1},
+               {"minor", 1},
+               {"identifier", "door"},
+               {"attributes", {{"lw_place_ids", "[7]"}}}},
+              {{"uuid", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"},
+               {"major", nullptr},
+               {"minor", nullptr}}}}};
 }
 
 }  // namespace
@@ -65,8 +84,10 @@ TEST(HostileInput, DamagedKitsPlistsAndArchivesNeverCrashTheReaders) {
     test::ConsoleCapture console;
     test::VirtualPlatform vp;
     std::mt19937 rng(7);
-    platform::Beacon beacon{*platform::UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F"), 1, 1, 2, 0.5, -60};
-    auto region = std::make_shared<const platform::BeaconRegion>(beacon.proximityUUID, 1, std::nullopt, "r");
+    platform::Beacon beacon{
+        *platform::UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F"), 1, 1, 2, 0.5, -60};
+    auto region =
+        std::make_shared<const platform::BeaconRegion>(beacon.proximityUUID, 1, std::nullopt, "r");
 
     // Kit documents: structurally damaged, then byte-damaged text.
     for (int i = 0; i < 1500; ++i) {
@@ -90,9 +111,13 @@ TEST(HostileInput, DamagedKitsPlistsAndArchivesNeverCrashTheReaders) {
     for (int i = 0; i < 1500; ++i) (void)platform::parsePropertyList(flip(xml, rng));
 
     // Archives and the campaign records read from them.
-    Json campaign = {{"id", "c1"}, {"start_at", 1.0}, {"end_at", 2e9}, {"places", {7}},
+    Json campaign = {{"id", "c1"},
+                     {"start_at", 1.0},
+                     {"end_at", 2e9},
+                     {"places", {7}},
                      {"content", {{"id", "5"}, {"body", "b"}, {"hash", Json::binary({1, 2})}}},
-                     {"found_at", {{"id", 7}, {"name", "d"}, {"type", 0}}}, {"view_count", 2}};
+                     {"found_at", {{"id", 7}, {"name", "d"}, {"type", 0}}},
+                     {"view_count", 2}};
     Json repo = {{"campaign_cache", {campaign, campaign}}, {"kitId", 17}, {"device_token", "ab"}};
     Bytes archived = platform::archiveJson({{"campaign_repo", repo}, {"campaign_ids", {"c1"}}});
     int readable = 0;
@@ -103,7 +128,8 @@ TEST(HostileInput, DamagedKitsPlistsAndArchivesNeverCrashTheReaders) {
         auto state = platform::unarchiveJson(flip(archived, rng));
         if (!state) continue;
         ++readable;
-        if (auto r = LWCampaignRepository::fromArchive(vp.platform, (*state).value("campaign_repo", Json()))) {
+        if (auto r = LWCampaignRepository::fromArchive(vp.platform,
+                                                       (*state).value("campaign_repo", Json()))) {
             for (const auto& c : r->getAllCampaigns()) {
                 c->isActive();
                 c->buildLocalNotification();

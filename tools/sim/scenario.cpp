@@ -256,10 +256,9 @@ std::vector<std::uint8_t> hexBytes(const std::string& hex) {
     std::vector<std::uint8_t> out;
     for (std::size_t i = 0; i < hex.size(); i += 2) {
         auto v = [&](char c) -> int {
-            if (c >= '0' && c <= '9') return c - '0';
-            if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-            if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-            fail("not a hex string: " + hex);
+            int d = quenby::platform::hexDigitValue(c);
+            if (d < 0) fail("not a hex string: " + hex);
+            return d;
         };
         out.push_back(static_cast<std::uint8_t>(v(hex[i]) * 16 + v(hex[i + 1])));
     }
