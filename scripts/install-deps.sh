@@ -9,6 +9,8 @@ packages=(
   libplist++-dev libplist-dev libhowardhinnant-date-dev libfmt-dev libcli11-dev
   libssl-dev libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  libsdbus-c++-dev libsystemd-dev libgps-dev
+  dbus-daemon python3-dbusmock python3-dbus gpsd gpsd-clients
 )
 
 missing=()

@@ -143,8 +143,14 @@ class LocationService : public std::enable_shared_from_this<LocationService> {
 
     std::vector<Call> calls() const;
     void clearCalls();
-    // Called for every call as it is made, on the caller's thread.
+    // Called for every call as it is made, on the caller's thread (region registration may come
+    // from a request thread). The host's own slot.
     void setCallObserver(std::function<void(const Call&)> observer);
+    // Further observers, for the sources that sense the regions the library registers; called
+    // after the host's, in the order added.
+    using ObserverId = std::uint64_t;
+    ObserverId addCallObserver(std::function<void(const Call&)> observer);
+    void removeCallObserver(ObserverId id);
     std::vector<std::shared_ptr<const Region>> monitoredRegions() const;
     std::vector<std::shared_ptr<const BeaconRegion>> rangedRegions() const;
     std::optional<Location> lastLocation() const;
@@ -182,6 +188,9 @@ class LocationService : public std::enable_shared_from_this<LocationService> {
     std::optional<Location> location_;                         // guarded by mu_
     std::vector<Call> calls_;                                  // guarded by mu_
     std::function<void(const Call&)> observer_;                // guarded by mu_
+    std::vector<std::pair<ObserverId, std::function<void(const Call&)>>>
+        observers_;                                            // guarded by mu_
+    ObserverId nextObserver_ = 1;                              // guarded by mu_
     std::vector<std::weak_ptr<LocationManager>> managers_;     // guarded by mu_
 };
 

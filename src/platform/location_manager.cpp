@@ -175,6 +175,18 @@ void LocationService::setCallObserver(std::function<void(const Call&)> observer)
     observer_ = std::move(observer);
 }
 
+LocationService::ObserverId LocationService::addCallObserver(
+    std::function<void(const Call&)> observer) {
+    std::lock_guard lk(mu_);
+    observers_.emplace_back(nextObserver_, std::move(observer));
+    return nextObserver_++;
+}
+
+void LocationService::removeCallObserver(ObserverId id) {
+    std::lock_guard lk(mu_);
+    std::erase_if(observers_, [&](const auto& o) { return o.first == id; });
+}
+
 std::vector<std::shared_ptr<const Region>> LocationService::monitoredRegions() const {
     std::lock_guard lk(mu_);
     return monitored_;
@@ -192,13 +204,16 @@ std::optional<Location> LocationService::lastLocation() const {
 
 void LocationService::record(std::string name, std::shared_ptr<const Region> region) {
     std::function<void(const Call&)> observer;
+    std::vector<std::pair<ObserverId, std::function<void(const Call&)>>> others;
     Call call{std::move(name), std::move(region)};
     {
         std::lock_guard lk(mu_);
         calls_.push_back(call);
         observer = observer_;
+        others = observers_;
     }
     if (observer) observer(call);
+    for (const auto& [id, o] : others) o(call);
 }
 
 void LocationService::each(

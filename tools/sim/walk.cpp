@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "sensing/radio.h"
+
 namespace sim {
 
 using quenby::platform::BeaconRegion;
@@ -67,11 +69,12 @@ std::vector<quenby::platform::Beacon> Walk::heard(const BeaconRegion& region, do
         if (t.uuid != region.proximityUUID()) continue;
         if (region.major() && *region.major() != t.major) continue;
         if (region.minor() && *region.minor() != t.minor) continue;
-        double d = std::max(std::hypot(x - t.x, y - t.y), 0.1);
-        double rssi = t.measuredPower - 10 * kPathLossExponent * std::log10(d) + noise(rng_);
-        if (rssi < kHearingDbm) continue;
-        double accuracy = std::pow(10.0, (t.measuredPower - rssi) / (10 * kPathLossExponent));
-        std::int64_t proximity = accuracy < 0.5 ? 1 : accuracy < 3.0 ? 2 : 3;
+        using quenby::sensing::RadioModel;
+        double rssi = RadioModel::rssiAt(t.measuredPower, std::hypot(x - t.x, y - t.y)) +
+                      noise(rng_);
+        if (rssi < RadioModel::kHearingDbm) continue;
+        double accuracy = RadioModel::distanceFor(t.measuredPower, rssi);
+        std::int64_t proximity = RadioModel::proximityFor(accuracy);
         out.push_back({t.uuid, t.major, t.minor, proximity, std::round(accuracy * 100) / 100,
                        std::lround(rssi)});
     }

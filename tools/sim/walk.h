@@ -2,12 +2,11 @@
 // derives geofence and beacon-region entries and exits, answers state requests from its
 // geometry, and ranges once a second.
 //
-// Radio model: RSSI = measuredPower - 10 n log10(d) + noise, with the path-loss exponent n = 2.0,
-// d the distance in metres (at least 0.1) and Gaussian noise of 1.5 dB from a fixed seed. A beacon
-// is heard at RSSI -85 dBm or more (about 20 m at -59 dBm measured power); its accuracy is the
-// distance that RSSI implies, 10^((measuredPower - RSSI) / (10 n)), and its proximity immediate
-// under 0.5 m, near under 3 m, far beyond. A beacon region is entered when one of its beacons is
-// heard and left after 10 s with none heard; a geofence holds the positions within its radius.
+// Radio: the shared RadioModel (sensing/radio.h) plus Gaussian noise of 1.5 dB from a fixed seed.
+// A beacon is heard at RSSI -85 dBm or more (about 20 m at -59 dBm measured power); its accuracy
+// is the distance that RSSI implies and its proximity the model's band for it. A beacon region
+// is entered when one of its beacons is heard and left after 10 s with none heard; a geofence
+// holds the positions within its radius.
 #pragma once
 
 #include <map>
@@ -34,9 +33,7 @@ class Walk : public std::enable_shared_from_this<Walk> {
         double x, y, measuredPower;
     };
 
-    static constexpr double kPathLossExponent = 2.0;
     static constexpr double kNoiseDb = 1.5;
-    static constexpr double kHearingDbm = -85.0;
     static constexpr double kExitAfter = 10.0;
     static constexpr unsigned kSeed = 20260301;
 

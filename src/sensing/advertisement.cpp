@@ -1,0 +1,1 @@
+#include "sensing/advertisement.h"

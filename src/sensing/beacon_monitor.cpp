@@ -1,0 +1,1 @@
+#include "sensing/beacon_monitor.h"

@@ -1,0 +1,1 @@
+#include "sensing/bluez_beacon_source.h"

@@ -1,0 +1,1 @@
+#include "sensing/desktop_presenter.h"

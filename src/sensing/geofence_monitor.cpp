@@ -1,0 +1,1 @@
+#include "sensing/geofence_monitor.h"

@@ -1,0 +1,1 @@
+#include "sensing/gpsd_position_source.h"

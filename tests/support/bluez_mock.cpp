@@ -1,0 +1,1 @@
+#include "support/bluez_mock.h"
