@@ -31,12 +31,6 @@ using quenby::platform::UUID;
 
 namespace {
 
-OrderedJson beaconsJson(const std::vector<std::shared_ptr<const QZWBeacon>>& beacons) {
-    OrderedJson a = OrderedJson::array();
-    for (const auto& b : beacons) a.push_back(regionJson(*b));
-    return a;
-}
-
 Error errorOf(const Json& e) {
     long code = e["code"].get<long>();
     std::string domain = e["domain"];
@@ -55,165 +49,15 @@ Beacon beaconOf(const Json& b) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// The host's listeners, each tracing what reached it.
-
-class Host::Delegates {
-  public:
-    explicit Delegates(Trace& trace) : trace(trace) {}
-    Trace& trace;
-
-    void delegate(const char* name, OrderedJson fields = OrderedJson::object()) {
-        OrderedJson f;
-        f["name"] = name;
-        for (const auto& [k, v] : fields.items()) f[k] = v;
-        trace.add("delegate", f);
-    }
-
-    struct Proximity : QZWManagerDelegate {
-        Delegates* d;
-        void zonewiseDidSync(QZWManager&) override { d->delegate("zonewiseDidSync:"); }
-        void zonewiseDidEnter(QZWManager&, const std::shared_ptr<const QZWRegion>& r) override {
-            d->delegate("zonewise:didEnter:", {{"region", regionJson(*r)}});
-        }
-        void zonewiseDidExit(QZWManager&, const std::shared_ptr<const QZWRegion>& r) override {
-            d->delegate("zonewise:didExit:", {{"region", regionJson(*r)}});
-        }
-        void zonewiseDidDetermineStateForRegion(
-            QZWManager&, std::int64_t s, const std::shared_ptr<const QZWRegion>& r) override {
-            d->delegate("zonewise:didDetermineState:forRegion:",
-                        {{"state", s}, {"region", regionJson(*r)}});
-        }
-        void zonewiseDidRangeBeaconsInRegion(
-            QZWManager&, const std::vector<std::shared_ptr<const QZWBeacon>>& b,
-            const std::shared_ptr<const QZWBeaconRegion>& r) override {
-            d->delegate("zonewise:didRangeBeacons:inRegion:",
-                        {{"beacons", beaconsJson(b)}, {"region", regionJson(*r)}});
-        }
-        void zonewiseDidFailWithError(QZWManager&, const Error& e) override {
-            d->delegate("zonewise:didFailWithError:", {{"error", errorJson(e)}});
-        }
-    };
-
-    struct Campaigns : LWManagerDelegate {
-        Delegates* d;
-        std::function<void(const std::shared_ptr<LWCampaign>&)> onFind;
-        void lurewaveDidFindCampaign(LWManager&, const std::shared_ptr<LWCampaign>& c) override {
-            d->delegate("lurewave:didFindCampaign:", {{"campaign", campaignJson(*c)}});
-            if (onFind) onFind(c);
-        }
-        void lurewaveDidDetectPlaceOnEvent(LWManager&, const std::shared_ptr<const LWPlace>& p,
-                                           int event) override {
-            d->delegate("lurewave:didDetectPlace:onEvent:",
-                        {{"place", placeJson(*p)}, {"event", event}});
-        }
-        void lurewaveDidSync(LWManager&) override { d->delegate("lurewaveDidSync:"); }
-        void lurewaveDidFailWithError(LWManager&, const Error& e) override {
-            d->delegate("lurewave:didFailWithError:", {{"error", errorJson(e)}});
-        }
-    };
-
-    struct SecondListener : quenby::platform::LocationManagerDelegate {
-        Delegates* d;
-        void forwarded(const char* call, const std::shared_ptr<const Region>& r = nullptr) {
-            OrderedJson f;
-            f["call"] = call;
-            if (r) f["region"] = platformRegionJson(*r);
-            d->trace.add("forwarded", f);
-        }
-        void locationManagerDidUpdateLocations(
-            LocationManager&, const std::vector<quenby::platform::Location>&) override {
-            forwarded("locationManager:didUpdateLocations:");
-        }
-        void locationManagerDidDetermineStateForRegion(
-            LocationManager&, std::int64_t, const std::shared_ptr<const Region>& r) override {
-            forwarded("locationManager:didDetermineState:forRegion:", r);
-        }
-        void locationManagerDidRangeBeaconsInRegion(
-            LocationManager&, const std::vector<Beacon>&,
-            const std::shared_ptr<const BeaconRegion>& r) override {
-            forwarded("locationManager:didRangeBeacons:inRegion:", r);
-        }
-        void locationManagerRangingBeaconsDidFailForRegionWithError(
-            LocationManager&, const std::shared_ptr<const BeaconRegion>& r, const Error&) override {
-            forwarded("locationManager:rangingBeaconsDidFailForRegion:withError:", r);
-        }
-        void locationManagerDidEnterRegion(LocationManager&,
-                                           const std::shared_ptr<const Region>& r) override {
-            forwarded("locationManager:didEnterRegion:", r);
-        }
-        void locationManagerDidExitRegion(LocationManager&,
-                                          const std::shared_ptr<const Region>& r) override {
-            forwarded("locationManager:didExitRegion:", r);
-        }
-        void locationManagerDidFailWithError(LocationManager*, const Error&) override {
-            forwarded("locationManager:didFailWithError:");
-        }
-        void locationManagerMonitoringDidFailForRegionWithError(
-            LocationManager&, const std::shared_ptr<const Region>& r, const Error&) override {
-            forwarded("locationManager:monitoringDidFailForRegion:withError:", r);
-        }
-        void locationManagerDidChangeAuthorizationStatus(LocationManager&, int) override {
-            forwarded("locationManager:didChangeAuthorizationStatus:");
-        }
-    };
-
-    struct HostAppDelegate : ApplicationDelegate {
-        Delegates* d;
-        std::set<std::string> implemented;
-        bool respondsTo(Callback c) const override {
-            switch (c) {
-                case Callback::DidReceiveRemoteNotificationFetchCompletionHandler:
-                    return implemented.count("fetch") != 0;
-                case Callback::DidReceiveRemoteNotification:
-                    return implemented.count("legacy") != 0;
-                case Callback::DidRegisterForRemoteNotificationsWithDeviceToken:
-                    return implemented.count("token") != 0;
-                default:
-                    return false;
-            }
-        }
-        std::string className() const override { return "SimulatorAppDelegate"; }
-        void ran(const char* name) {
-            OrderedJson f;
-            f["call"] = "hostDelegate";
-            f["name"] = name;
-            d->trace.add("app", f);
-        }
-        void applicationDidRegisterForRemoteNotificationsWithDeviceToken(
-            Application&, const quenby::platform::Bytes&) override {
-            ran("token");
-        }
-        void applicationDidReceiveRemoteNotification(Application&, const Json&) override {
-            ran("legacy");
-        }
-        void applicationDidReceiveRemoteNotificationFetchCompletionHandler(
-            Application&, const Json&, FetchCompletion done) override {
-            ran("fetch");
-            if (done) done(quenby::platform::kFetchResultNoData);
-        }
-    };
-
-    std::shared_ptr<Proximity> proximity = std::make_shared<Proximity>();
-    std::shared_ptr<Campaigns> campaigns = std::make_shared<Campaigns>();
-    std::shared_ptr<SecondListener> second = std::make_shared<SecondListener>();
-    std::shared_ptr<HostAppDelegate> app = std::make_shared<HostAppDelegate>();
-    std::vector<quenby::platform::NotificationCenter::ObserverId> observers;
-};
-
-// ---------------------------------------------------------------------------------------------
 
 Host::Host(Scenario scenario, RunOptions options)
     : scenario_(std::move(scenario)), options_(std::move(options)) {}
 
 Host::~Host() {
-    campaigns_.reset();
-    zonewise_.reset();
+    managers_.campaigns.reset();
+    managers_.zonewise.reset();
     if (platform_) platform_->scheduler->settle();
-    quenby::platform::setConsoleSink(nullptr);
-    if (delegates_) {
-        for (auto id : delegates_->observers)
-            quenby::platform::NotificationCenter::defaultCenter().removeObserver(id);
-    }
+    recorders_.reset();
     std::error_code ec;
     if (!bundle_.empty()) std::filesystem::remove_all(bundle_, ec);
 }
@@ -284,16 +128,9 @@ void Host::setUp() {
                               : quenby::platform::ApplicationState::Background);
 
     // What the host hears and sees.
-    quenby::platform::setConsoleSink([this](std::string_view line) {
-        OrderedJson f;
-        f["line"] = std::string(line);
-        trace_->add("log", f);
-    });
-    location.setCallObserver([this](const quenby::platform::LocationService::Call& c) {
-        OrderedJson f;
-        f["call"] = c.name;
-        if (c.region) f["region"] = platformRegionJson(*c.region);
-        trace_->add("location", f);
+    recorders_ = std::make_unique<host::Recorders>(*trace_, platform_);
+    recorders_->setImplemented(scenario_.device.hostAppDelegate);
+    recorders_->setLocationCallHook([this](const quenby::platform::LocationService::Call& c) {
         // A walk answers state requests from where the device is.
         if (c.name == "requestStateForRegion" && walk_ && walk_->running()) {
             auto walk = walk_;
@@ -301,106 +138,24 @@ void Host::setUp() {
             platform_->scheduler->postToMain([walk, region] { walk->answerStateRequest(region); });
         }
     });
-    platform_->application->setCallObserver([this](const Application::Call& c) {
-        OrderedJson f;
-        f["call"] = c.name;
-        if (c.name == "beginBackgroundTask" || c.name == "endBackgroundTask") {
-            f["name"] = c.detail;
-            f["id"] = c.task;
-        } else if (c.name == "scheduleLocalNotification") {
-            auto n = platform_->application->presentedNotifications().back();
-            f["action"] = n.alertAction;
-            f["body"] = n.alertBody;
-            f["userInfo"] = n.userInfo;
-            f["sound"] = n.soundName;
-        } else if (c.name == "showAlert") {
-            auto a = platform_->application->visibleAlerts().back();
-            f["title"] = a.title;
-            f["message"] = a.message;
-            f["buttons"] = a.buttons;
-        }
-        trace_->add("app", f);
-    });
-
-    delegates_ = std::make_shared<Delegates>(*trace_);
-    delegates_->proximity->d = delegates_.get();
-    delegates_->campaigns->d = delegates_.get();
-    delegates_->second->d = delegates_.get();
-    delegates_->app->d = delegates_.get();
-    delegates_->app->implemented = scenario_.device.hostAppDelegate;
     // The host shows every campaign it is told was found.
-    delegates_->campaigns->onFind = [this](const std::shared_ptr<LWCampaign>& c) {
+    recorders_->setFindHook([this](const std::shared_ptr<LWCampaign>& c) {
         platform_->application->presentLocalNotificationNow(c->buildLocalNotification());
         if (walk_) {
             auto [x, y] = walk_->positionAt(platform_->scheduler->now().timeIntervalSince1970() -
                                             walk_->startedAt());
             finds_.push_back({{"campaign", c->id()}, {"x", x}, {"y", y}});
         }
-    };
-    platform_->application->setDelegate(delegates_->app);
-    for (const char* name :
-         {QZWManagerDidEnterRegionNotification, QZWManagerDidExitRegionNotification,
-          QZWManagerDidDetermineStateForRegionNotification,
-          QZWManagerDidRangeBeaconsInRegionNotification, QZWManagerDidTriggerAnalyticsEvent}) {
-        delegates_->observers.push_back(
-            quenby::platform::NotificationCenter::defaultCenter().addObserver(
-                name, nullptr, [this](const quenby::platform::Notification& n) {
-                    OrderedJson info = OrderedJson::object();
-                    if (auto* e = n.userInfo.get<int>(QZWManagerNotificationEventKey))
-                        info["QZWEvent"] = *e;
-                    if (auto* r = n.userInfo.get<std::shared_ptr<const QZWRegion>>(
-                            QZWManagerNotificationRegionKey)) {
-                        info["QZWRegion"] = regionJson(**r);
-                    }
-                    if (auto* s =
-                            n.userInfo.get<std::int64_t>(QZWManagerNotificationRegionStateKey)) {
-                        info["QZWRegionState"] = *s;
-                    }
-                    if (auto* b = n.userInfo.get<std::vector<std::shared_ptr<const QZWBeacon>>>(
-                            QZWManagerNotificationBeaconsKey)) {
-                        info["QZWIBeacons"] = beaconsJson(*b);
-                    }
-                    if (auto* t = n.userInfo.get<std::string>(
-                            QZWManagerNotificationAnalyticsEventTypeKey)) {
-                        info["QZWAnalyticsEventType"] = *t;
-                    }
-                    if (auto* d =
-                            n.userInfo.get<Json>(QZWManagerNotificationAnalyticsEventDetailsKey)) {
-                        info["QZWAnalyticsEventDetails"] = *d;
-                    }
-                    OrderedJson f;
-                    f["name"] = n.name;
-                    f["userInfo"] = info;
-                    trace_->add("notification", f);
-                }));
-    }
+    });
 }
 
 bool Host::createManager() {
-    try {
-        if (scenario_.host == "campaigns") {
-            campaigns_ = LWManager::managerWithDelegate(platform_, delegates_->campaigns);
-            // The proxy sits over the host's own application delegate.
-            platform_->application->setDelegate(delegates_->app);
-            proxy_ = LWAppDelegate::initWithManager(*platform_->application, campaigns_);
-        } else {
-            zonewise_ = QZWManager::managerWithDelegate(platform_, delegates_->proximity);
-        }
-    } catch (const QZWException& e) {
-        OrderedJson f;
-        f["name"] = e.name();
-        f["reason"] = e.reason();
-        trace_->add("exception", f);
-        return false;
-    }
-    if (scenario_.device.secondListener) {
-        if (auto z = proximity()) z->setLocationManagerDelegate(delegates_->second);
-    }
-    return true;
+    return managers_.create(scenario_.host == "campaigns", platform_, *recorders_,
+                            scenario_.device.secondListener);
 }
 
 std::shared_ptr<QZWManager> Host::proximity() const {
-    return campaigns_ ? campaigns_->zwManager() : zonewise_;
+    return managers_.proximity();
 }
 
 int Host::run() {
@@ -433,8 +188,8 @@ int Host::run() {
 void Host::summarize() const {
     trace_->note("");
     trace_->note("Summary");
-    if (campaigns_) {
-        for (const auto& c : campaigns_->foundCampaigns()) {
+    if (managers_.campaigns) {
+        for (const auto& c : managers_.campaigns->foundCampaigns()) {
             trace_->note(
                 fmt::format("  campaign {}: found at place {}, viewed {} time(s), {}", c->id(),
                             c->foundAt() ? std::to_string(c->foundAt()->id()) : "-", c->viewCount(),
@@ -531,10 +286,7 @@ void Host::call(const Json& a) {
         return ids;
     };
     if (name == "destroy") {
-        if (proxy_) platform_->application->setDelegate(delegates_->app);
-        proxy_.reset();
-        campaigns_.reset();
-        zonewise_.reset();
+        managers_.reset(platform_, *recorders_);
         return;
     }
     if (name == "postEvent") {
@@ -547,18 +299,18 @@ void Host::call(const Json& a) {
     }
     if (!z) return;  // the host released its manager: nothing to call
     if (name == "start") {
-        campaigns_ ? campaigns_->start() : z->start();
+        managers_.campaigns ? managers_.campaigns->start() : z->start();
     } else if (name == "stop") {
-        campaigns_ ? campaigns_->stop() : z->stop();
+        managers_.campaigns ? managers_.campaigns->stop() : z->stop();
     } else if (name == "sync") {
-        campaigns_ ? campaigns_->sync() : z->sync();
+        managers_.campaigns ? managers_.campaigns->sync() : z->sync();
     } else if (name == "syncWithCompletionHandler") {
         auto report = [this](int r) { result("syncWithCompletionHandler", r); };
-        campaigns_ ? campaigns_->syncWithCompletionHandler(report)
-                   : z->syncWithCompletionHandler(report);
+        managers_.campaigns ? managers_.campaigns->syncWithCompletionHandler(report)
+                            : z->syncWithCompletionHandler(report);
     } else if (name == "setPartnerIdentifier") {
-        campaigns_ ? campaigns_->setPartnerIdentifier(a["value"])
-                   : z->setPartnerIdentifier(a["value"]);
+        managers_.campaigns ? managers_.campaigns->setPartnerIdentifier(a["value"])
+                            : z->setPartnerIdentifier(a["value"]);
     } else if (name == "logLevel") {
         z->logLevel(a["value"].get<int>());
     } else if (name == "getLat") {
@@ -566,21 +318,21 @@ void Host::call(const Json& a) {
     } else if (name == "getLng") {
         result("getLng", z->getLng());
     } else if (name == "foundCampaigns") {
-        result("foundCampaigns", idList(campaigns_->foundCampaigns()));
+        result("foundCampaigns", idList(managers_.campaigns->foundCampaigns()));
     } else if (name == "activeCampaigns") {
-        result("activeCampaigns", idList(campaigns_->activeCampaigns()));
+        result("activeCampaigns", idList(managers_.campaigns->activeCampaigns()));
     } else if (name == "setCampaignViewed" || name == "setCampaignFulfilled" ||
                name == "showCampaignAlert") {
-        auto c = campaigns_->campaignWithId(a["campaign"]);
+        auto c = managers_.campaigns->campaignWithId(a["campaign"]);
         if (!c) {
             result(name, nullptr);  // no campaign of that id: nothing else happens
             return;
         }
         if (name == "setCampaignViewed") {
-            campaigns_->setCampaignViewed(c);
+            managers_.campaigns->setCampaignViewed(c);
             result(name, campaignJson(*c));
         } else if (name == "setCampaignFulfilled") {
-            campaigns_->setCampaignFulfilledAtPlace(c, LWPlace::initWithDict(a["place"]));
+            managers_.campaigns->setCampaignFulfilledAtPlace(c, LWPlace::initWithDict(a["place"]));
             result(name, campaignJson(*c));
         } else {
             LWCampaignAlertView::showWithCampaignAndCompletion(
@@ -588,11 +340,11 @@ void Host::call(const Json& a) {
                 [this, id = c->id()] { result("alertCompletion", id); });
         }
     } else if (name == "registerDeviceToken") {
-        campaigns_->registerDeviceToken(hexBytes(a["hex"]));
+        managers_.campaigns->registerDeviceToken(hexBytes(a["hex"]));
     } else if (name == "deregisterDeviceToken") {
-        campaigns_->deregisterDeviceToken();
+        managers_.campaigns->deregisterDeviceToken();
     } else if (name == "remoteNotification") {
-        campaigns_->handleRemoteNotificationFetchCompletionHandler(
+        managers_.campaigns->handleRemoteNotificationFetchCompletionHandler(
             a["userInfo"], [this](int r) { result("remoteNotification", r); });
     }
 }

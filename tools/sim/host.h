@@ -7,10 +7,11 @@
 #include <optional>
 #include <string>
 
+#include "common/recorders.h"
+#include "common/trace.h"
 #include "platform/platform.h"
 #include "sim/scenario.h"
 #include "sim/server.h"
-#include "sim/trace.h"
 #include "sim/walk.h"
 
 class LWManager;
@@ -18,6 +19,15 @@ class LWAppDelegate;
 class QZWManager;
 
 namespace sim {
+
+using host::campaignJson;
+using host::errorJson;
+using host::Json;
+using host::OrderedJson;
+using host::placeJson;
+using host::platformRegionJson;
+using host::regionJson;
+using host::Trace;
 
 struct RunOptions {
     bool json = false;
@@ -33,7 +43,6 @@ class Host {
     int run();
 
   private:
-    class Delegates;
     void setUp();
     bool createManager();
     void execute(const Json& action);
@@ -51,10 +60,8 @@ class Host {
     std::shared_ptr<quenby::platform::Platform> platform_;
     std::unique_ptr<Trace> trace_;
     std::unique_ptr<OperatorServer> server_;
-    std::shared_ptr<Delegates> delegates_;
-    std::shared_ptr<LWManager> campaigns_;
-    std::shared_ptr<QZWManager> zonewise_;
-    std::shared_ptr<LWAppDelegate> proxy_;
+    std::unique_ptr<host::Recorders> recorders_;
+    host::Managers managers_;
     std::shared_ptr<Walk> walk_;
     std::vector<Json> finds_;  // where each campaign was found, for the map
 };

@@ -1,4 +1,4 @@
-#include "sim/trace.h"
+#include "common/trace.h"
 
 #include <cstdio>
 
@@ -6,10 +6,11 @@
 
 using quenby::platform::Date;
 
-namespace sim {
+namespace host {
 
-Trace::Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, Date start, bool json)
-    : scheduler_(std::move(scheduler)), start_(start), json_(json) {}
+Trace::Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, Date start, bool json,
+             bool retain)
+    : scheduler_(std::move(scheduler)), start_(start), json_(json), retain_(retain) {}
 
 double Trace::now() const {
     return scheduler_->now().timeIntervalSince(start_);
@@ -21,7 +22,7 @@ void Trace::add(const std::string& type, const OrderedJson& fields) {
     r["type"] = type;
     for (const auto& [k, v] : fields.items()) r[k] = v;
     std::lock_guard lk(mu_);
-    records_.push_back(r);
+    if (retain_) records_.push_back(r);
     std::string line =
         json_ ? r.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : readable(r);
     std::fwrite(line.data(), 1, line.size(), stdout);
@@ -186,4 +187,4 @@ OrderedJson errorJson(const quenby::platform::Error& e) {
     return j;
 }
 
-}  // namespace sim
+}  // namespace host

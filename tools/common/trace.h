@@ -1,5 +1,6 @@
-// The simulator's trace: one record per thing that happened, stamped with the virtual time. Printed
-// as JSON Lines (--json) or as a readable timeline.
+// A host tool's trace: one record per thing that happened, stamped with the seconds since the run
+// began on the scheduler's clock (virtual in the simulator, real in the agent). Printed as JSON
+// Lines (--json) or as a readable timeline.
 #pragma once
 
 #include <functional>
@@ -16,15 +17,17 @@
 #include "platform/types.h"
 #include "proximity/QZWKit.h"
 
-namespace sim {
+namespace host {
 
 using Json = nlohmann::json;
 using OrderedJson = nlohmann::ordered_json;
 
 class Trace {
   public:
+    // `retain`: keep every record for records() (a run of bounded length); a long-running host
+    // only prints.
     Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, quenby::platform::Date start,
-          bool json);
+          bool json, bool retain = true);
 
     // Adds one record: {"t", "type", …fields}. Thread-safe; printed at once.
     void add(const std::string& type, const OrderedJson& fields);
@@ -39,7 +42,7 @@ class Trace {
 
     std::shared_ptr<quenby::platform::Scheduler> scheduler_;
     quenby::platform::Date start_;
-    bool json_;
+    bool json_, retain_;
     mutable std::mutex mu_;
     std::vector<OrderedJson> records_;  // guarded by mu_
 };
@@ -51,4 +54,4 @@ OrderedJson placeJson(const LWPlace& p);
 OrderedJson campaignJson(const LWCampaign& c);
 OrderedJson errorJson(const quenby::platform::Error& e);
 
-}  // namespace sim
+}  // namespace host
