@@ -13,6 +13,7 @@
 // the monitor on the host thread through the scheduler.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,20 +29,37 @@ class BluezBeaconSource {
         std::optional<std::string> adapter;  // "hci0"; default: the first powered adapter
         // Seconds between attempts to find a usable adapter while there is none.
         double retryInterval = 2.0;
+        // A bus to use instead of the system bus ("unix:path=..."), for hosts and tests that run
+        // their own; changing the process environment is no way to pick a bus once threads run.
+        std::optional<std::string> busAddress;
     };
 
-    // Connects to the system bus and starts following the monitor's wish to scan. A bus that
-    // cannot be reached is reported to the monitor as a scanner failure and retried. Host thread.
-    static std::unique_ptr<BluezBeaconSource> create(
-        std::shared_ptr<platform::Scheduler> scheduler,
-        std::shared_ptr<BeaconRegionMonitor> monitor, Options options);
-    // Stops discovery (when it started it) and leaves the bus. Host thread.
+    // Scanner failures handed to the monitor: this domain with one of the codes below, except a
+    // refusal by BlueZ, which keeps BlueZ's error name as its domain ("org.bluez.Error.NotReady")
+    // with the code DiscoveryRefused and BlueZ's message.
+    static constexpr const char* kErrorDomain = "BlueZ";
+    enum ErrorCode : long {
+        NoAdapter = 1,         // the named adapter, or any powered one, is missing or powered off
+        DaemonGone = 2,        // bluetoothd is not on the bus (or just left it)
+        BusUnreachable = 3,    // the bus itself cannot be reached or was lost
+        DiscoveryRefused = 4,  // SetDiscoveryFilter/StartDiscovery answered with an error
+    };
+
+    // Connects to the system bus and starts following the monitor's wish to scan (the source
+    // takes the monitor's scanning observer). A bus that cannot be reached is reported to the
+    // monitor as a scanner failure and retried. Host thread.
+    static std::unique_ptr<BluezBeaconSource> create(std::shared_ptr<platform::Scheduler> scheduler,
+                                                     std::shared_ptr<BeaconRegionMonitor> monitor,
+                                                     Options options);
+    // Stops discovery (when it started it), leaves the bus, and tells the monitor the scanner
+    // stopped if it had told it that it started. Host thread.
     ~BluezBeaconSource();
 
     struct Stats {
-        std::uint64_t advertisements = 0;  // iBeacon frames handed to the monitor
-        std::uint64_t ignored = 0;         // device updates without a usable frame
-        std::uint64_t discoveryStarts = 0, discoveryStops = 0;
+        std::uint64_t advertisements = 0;   // iBeacon frames handed to the monitor
+        std::uint64_t ignored = 0;          // device updates without a usable frame
+        std::uint64_t discoveryStarts = 0;  // StartDiscovery calls BlueZ accepted
+        std::uint64_t discoveryStops = 0;   // StopDiscovery calls made
     };
     Stats stats() const;
 
