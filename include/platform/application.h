@@ -43,6 +43,7 @@ struct LocalNotification {
 };
 
 class Application;
+class ApplicationPresenter;
 
 // The host's application delegate. Each callback is optional: respondsTo() says which ones this
 // delegate implements, and only those are called.
@@ -123,16 +124,26 @@ class Application : public std::enable_shared_from_this<Application> {
     std::shared_ptr<ApplicationDelegate> delegate() const;
     void setDelegate(std::shared_ptr<ApplicationDelegate> d);
 
+    // Records the notification, then hands it to the presenter, if any. Any thread.
     void presentLocalNotificationNow(const LocalNotification& n);
     std::vector<LocalNotification> presentedNotifications() const;
 
-    // Shows an alert; `onDismiss` runs with the chosen button's index when the user dismisses it.
+    // Shows an alert (recorded, then handed to the presenter, if any); `onDismiss` runs with the
+    // chosen button's index when the user dismisses it.
     std::uint64_t showAlert(const std::string& title, const std::string& message,
                             std::vector<std::string> buttons,
                             std::function<void(int buttonIndex)> onDismiss);
     std::vector<Alert> visibleAlerts() const;
     // The user picks `buttonIndex` on the oldest alert still shown. False when none is shown.
     bool dismissAlert(int buttonIndex);
+    // The user picks `buttonIndex` on the alert `id`. False when that alert is no longer shown.
+    // Host thread, as one pass.
+    bool dismissAlertWithId(std::uint64_t id, int buttonIndex);
+
+    // Where notifications and alerts are shown to the user, besides being recorded: held
+    // strongly; nullptr removes it. Any thread.
+    void setPresenter(std::shared_ptr<ApplicationPresenter> presenter);
+    std::shared_ptr<ApplicationPresenter> presenter() const;
 
     std::vector<Call> calls() const;
     void setCallObserver(std::function<void(const Call&)> observer);
@@ -143,10 +154,15 @@ class Application : public std::enable_shared_from_this<Application> {
     // A push arrives: to the delegate's fetch-kind callback if it answers, else to the older one.
     void deliverRemoteNotification(const Json& userInfo, ApplicationDelegate::FetchCompletion done);
     void deliverDeviceToken(const Bytes& token);
+    // The user opened a presented local notification: to the delegate's received-local-
+    // notification callback, when it answers.
+    void deliverLocalNotificationAction(const LocalNotification& n);
 
   private:
     explicit Application(std::shared_ptr<Scheduler> s) : scheduler_(std::move(s)) {}
     void record(Call call);
+    // Takes alert `id` (the oldest when none) off the screen and runs its callback.
+    bool finishAlert(std::optional<std::uint64_t> id, int buttonIndex);
 
     std::shared_ptr<Scheduler> scheduler_;
     mutable std::mutex mu_;
@@ -161,6 +177,27 @@ class Application : public std::enable_shared_from_this<Application> {
     std::vector<std::pair<Alert, std::function<void(int)>>> alerts_;  // guarded by mu_
     std::vector<Call> calls_;                                         // guarded by mu_
     std::function<void(const Call&)> observer_;                       // guarded by mu_
+    std::shared_ptr<ApplicationPresenter> presenter_;                 // guarded by mu_
+};
+
+// Shows the application's notifications and alerts to the user (a desktop's notification
+// server, say). The application holds it strongly and calls it without holding any lock of its
+// own, so a presenter may call back into the application.
+class ApplicationPresenter {
+  public:
+    ApplicationPresenter() = default;
+    virtual ~ApplicationPresenter() = default;
+    ApplicationPresenter(const ApplicationPresenter&) = delete;
+    ApplicationPresenter& operator=(const ApplicationPresenter&) = delete;
+
+    // After the notification was recorded, on the caller's thread (any); must not block long.
+    virtual void presentLocalNotification(const LocalNotification& n) = 0;
+    // After the alert was recorded, on the caller's thread (any); must not block long. The
+    // user's answer goes back through Application::dismissAlertWithId.
+    virtual void presentAlert(const Application::Alert& alert) = 0;
+    // Alert `id` was answered, whichever way (through the presenter or not): host thread, before
+    // its button callback runs. Lets the presenter take it off the screen.
+    virtual void alertDismissed(std::uint64_t id) = 0;
 };
 
 }  // namespace quenby::platform

@@ -3,8 +3,9 @@
 // DBUS_SESSION_BUS_ADDRESS). An alert's buttons become the notification's actions; the user's
 // choice (ActionInvoked) runs the alert's button callback exactly as tapping the button would,
 // and a local notification's default action reaches the application delegate as a received
-// local notification, with its user info. Without a session bus, both are written to the
-// console instead.
+// local notification, with its user info. An alert the user closes without choosing a button is
+// answered with its cancel button (index 0). Without a session bus, or when the notification
+// server does not answer, both are written to the console instead.
 #pragma once
 
 #include <memory>

@@ -1,5 +1,7 @@
 #include "platform/application.h"
 
+#include <algorithm>
+
 #include "platform/notifications.h"
 
 namespace quenby::platform {
@@ -97,6 +99,7 @@ void Application::presentLocalNotificationNow(const LocalNotification& n) {
         presented_.push_back(n);
     }
     record({"scheduleLocalNotification", n.alertBody, kInvalidBackgroundTask});
+    if (auto p = presenter()) p->presentLocalNotification(n);
 }
 
 std::vector<LocalNotification> Application::presentedNotifications() const {
@@ -107,14 +110,15 @@ std::vector<LocalNotification> Application::presentedNotifications() const {
 std::uint64_t Application::showAlert(const std::string& title, const std::string& message,
                                      std::vector<std::string> buttons,
                                      std::function<void(int)> onDismiss) {
-    std::uint64_t id;
+    Alert alert{0, title, message, std::move(buttons)};
     {
         std::lock_guard lk(mu_);
-        id = nextAlert_++;
-        alerts_.push_back({Alert{id, title, message, std::move(buttons)}, std::move(onDismiss)});
+        alert.id = nextAlert_++;
+        alerts_.push_back({alert, std::move(onDismiss)});
     }
     record({"showAlert", title, kInvalidBackgroundTask});
-    return id;
+    if (auto p = presenter()) p->presentAlert(alert);
+    return alert.id;
 }
 
 std::vector<Application::Alert> Application::visibleAlerts() const {
@@ -125,17 +129,46 @@ std::vector<Application::Alert> Application::visibleAlerts() const {
 }
 
 bool Application::dismissAlert(int buttonIndex) {
+    return finishAlert(std::nullopt, buttonIndex);
+}
+
+bool Application::dismissAlertWithId(std::uint64_t id, int buttonIndex) {
+    return finishAlert(id, buttonIndex);
+}
+
+bool Application::finishAlert(std::optional<std::uint64_t> id, int buttonIndex) {
     std::function<void(int)> onDismiss;
+    std::uint64_t taken;
+    std::shared_ptr<ApplicationPresenter> presenter;
     {
         std::lock_guard lk(mu_);
-        if (alerts_.empty()) return false;
-        onDismiss = std::move(alerts_.front().second);
-        alerts_.erase(alerts_.begin());
+        auto it = alerts_.begin();
+        if (id) {
+            it = std::find_if(alerts_.begin(), alerts_.end(),
+                              [&](const auto& a) { return a.first.id == *id; });
+        }
+        if (it == alerts_.end()) return false;
+        taken = it->first.id;
+        onDismiss = std::move(it->second);
+        alerts_.erase(it);
+        presenter = presenter_;
     }
+    // Off the screen before whatever the callback brings up (another alert, say) appears.
+    if (presenter) presenter->alertDismissed(taken);
     scheduler_->performPass([&] {
         if (onDismiss) onDismiss(buttonIndex);
     });
     return true;
+}
+
+void Application::setPresenter(std::shared_ptr<ApplicationPresenter> presenter) {
+    std::lock_guard lk(mu_);
+    presenter_ = std::move(presenter);
+}
+
+std::shared_ptr<ApplicationPresenter> Application::presenter() const {
+    std::lock_guard lk(mu_);
+    return presenter_;
 }
 
 std::vector<Application::Call> Application::calls() const {
@@ -182,6 +215,15 @@ void Application::deliverDeviceToken(const Bytes& token) {
             d->respondsTo(
                 ApplicationDelegate::Callback::DidRegisterForRemoteNotificationsWithDeviceToken)) {
             d->applicationDidRegisterForRemoteNotificationsWithDeviceToken(*this, token);
+        }
+    });
+}
+
+void Application::deliverLocalNotificationAction(const LocalNotification& n) {
+    scheduler_->performPass([&] {
+        if (auto d = delegate();
+            d && d->respondsTo(ApplicationDelegate::Callback::DidReceiveLocalNotification)) {
+            d->applicationDidReceiveLocalNotification(*this, n);
         }
     });
 }
