@@ -298,7 +298,9 @@ TEST_F(Desktop, AnsweredByTheHostOrOutlivedTheAlertLeavesTheDesktop) {
     // Answered before it reached the desktop (here as soon as the application recorded it, as a
     // host thread could while another thread presents it): it leaves the screen once shown.
     app->setCallObserver([&](const Application::Call& c) {
-        if (c.detail == "Third") EXPECT_TRUE(app->dismissAlert(0));
+        if (c.detail == "Third") {
+            EXPECT_TRUE(app->dismissAlert(0));
+        }
     });
     app->showAlert("Third", "", {"OK"}, [&](int i) { answers.push_back(20 + i); });
     app->setCallObserver(nullptr);

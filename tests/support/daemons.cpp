@@ -158,9 +158,11 @@ std::unique_ptr<PrivateBus> PrivateBus::start(std::string* whyNot) {
                           << "</listen><policy context=\"default\"><allow send_destination=\"*\" "
                              "eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>"
                              "</policy></busconfig>\n";
-    bus->daemon_ = Child::spawn({"dbus-daemon", "--nofork", "--nosyslog", "--config-file=" + config});
+    bus->daemon_ =
+        Child::spawn({"dbus-daemon", "--nofork", "--nosyslog", "--config-file=" + config});
     if (!bus->daemon_) {
-        if (whyNot) *whyNot = "dbus-daemon cannot be started (is the dbus-daemon package installed?)";
+        if (whyNot)
+            *whyNot = "dbus-daemon cannot be started (is the dbus-daemon package installed?)";
         return nullptr;
     }
     if (!waitFor([&] { return std::filesystem::exists(socket) || !bus->daemon_->running(); }) ||
@@ -222,8 +224,8 @@ std::unique_ptr<DbusMock> DbusMock::start(const PrivateBus& bus, bool systemBus,
     }
     if (!bus.waitForName(busName)) {
         if (whyNot) {
-            *whyNot = "python3-dbusmock (" + templateName + ") did not come up: " +
-                      m->child_->output();
+            *whyNot =
+                "python3-dbusmock (" + templateName + ") did not come up: " + m->child_->output();
         }
         return nullptr;
     }
@@ -240,13 +242,6 @@ void DbusMock::kill() {
 }
 
 // ---------------------------------------------------------------------------------------------
-
-TempDir::TempDir() : path_(makeTempDir("quenby-test-")) {}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
 
 int freePort() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "support/test_support.h"
+
 namespace quenby::testing {
 
 // Polls `pred` until it holds or `seconds` pass; answers pred().
@@ -90,17 +92,7 @@ class DbusMock {
     std::unique_ptr<Child> child_;
 };
 
-// A temporary directory, removed with everything in it.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
+using TempDir = quenby::test::TempDir;
 
 // A free TCP port on 127.0.0.1 (bound and released; good enough for a test's own daemons).
 int freePort();
