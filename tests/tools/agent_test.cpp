@@ -187,6 +187,15 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
                        "org.freedesktop.DBus.Mock.GetCalls"});
         return calls && calls->find("Notify") != std::string::npos;
     }));
+    // Walking away from the shelf: silent for --exit-timeout (3 s, not the default 10), the
+    // coffee shelf's region is left.
+    auto leftShelf = [&] {
+        return has(*a, [](const json& l) {
+            return l["type"] == "delegate" && l["name"] == "lurewave:didDetectPlace:onEvent:" &&
+                   l["place"]["id"] == 2 && l["event"] == 2;
+        });
+    };
+    ASSERT_TRUE(waitFor(leftShelf, 7)) << a->output();
     // Analytics on the next 30-second tick, beacon sightings on the status watchdog.
     ASSERT_TRUE(waitFor(
         [&] {
@@ -201,6 +210,11 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
     auto status = a->wait(20);
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 0) << a->output();
+    // It stopped as a host application does: the kit's regions were cleared.
+    EXPECT_TRUE(has(*a, [](const json& l) {
+        return l["type"] == "location" && l["call"] == "stopMonitoringForRegion" &&
+               l["region"]["identifier"] == "car-park";
+    }));
     std::string analytics = dir.file("docs/ZonewiseAnalytics.sqlite");
     std::string tallyline = dir.file("docs/Tallyline.sqlite");
     for (const auto& db : {analytics, tallyline})
