@@ -248,15 +248,31 @@ int main(int argc, char** argv) {
     if (!adapter.empty()) o.adapter = adapter;
     if (runFor > 0) o.runFor = runFor;
 
-    static Agent agent(std::move(o));
+    // The signal thread outlives the agent: it reaches it only while it exists.
+    static std::mutex agentMu;
+    static Agent* running = nullptr;  // guarded by agentMu
+    auto agent = std::make_unique<Agent>(std::move(o));
+    {
+        std::lock_guard lk(agentMu);
+        running = agent.get();
+    }
     std::thread signals([stopSignals] {
         int sig = 0;
         sigwait(&stopSignals, &sig);
         // The first signal stops the agent in order; a second one ends the process at once.
-        agent.requestStop();
+        {
+            std::lock_guard lk(agentMu);
+            if (running) running->requestStop();
+        }
         sigwait(&stopSignals, &sig);
         _exit(128 + sig);
     });
     signals.detach();
-    return agent.run();
+    int status = agent->run();
+    {
+        std::lock_guard lk(agentMu);
+        running = nullptr;
+    }
+    agent.reset();
+    return status;
 }
