@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "sensing/radio.h"
+#include "support/location_events.h"
 #include "support/test_support.h"
 
 using namespace quenby::platform;
@@ -19,41 +20,7 @@ namespace {
 const UUID kStore = *UUID::parse("B9407F30-F5F8-466E-AFF9-25556B57FE6D");
 const UUID kOther = *UUID::parse("F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
 
-// What the application hears, one line per callback.
-struct Recorder : LocationManagerDelegate {
-    std::vector<std::string> events;
-    void locationManagerDidEnterRegion(LocationManager&,
-                                       const std::shared_ptr<const Region>& r) override {
-        events.push_back("enter " + r->identifier());
-    }
-    void locationManagerDidExitRegion(LocationManager&,
-                                      const std::shared_ptr<const Region>& r) override {
-        events.push_back("exit " + r->identifier());
-    }
-    void locationManagerDidDetermineStateForRegion(
-        LocationManager&, std::int64_t state, const std::shared_ptr<const Region>& r) override {
-        events.push_back(fmt::format("state {} {}", r->identifier(), state));
-    }
-    void locationManagerMonitoringDidFailForRegionWithError(LocationManager&,
-                                                            const std::shared_ptr<const Region>& r,
-                                                            const Error& e) override {
-        events.push_back(fmt::format("monitoring failed {} {}", r->identifier(), e.code));
-    }
-    void locationManagerRangingBeaconsDidFailForRegionWithError(
-        LocationManager&, const std::shared_ptr<const BeaconRegion>& r, const Error& e) override {
-        events.push_back(fmt::format("ranging failed {} {}", r->identifier(), e.code));
-    }
-    void locationManagerDidRangeBeaconsInRegion(
-        LocationManager&, const std::vector<Beacon>& bs,
-        const std::shared_ptr<const BeaconRegion>& r) override {
-        std::string line = "range " + r->identifier() + " [";
-        for (const auto& b : bs) {
-            line +=
-                fmt::format(" {}.{} {} {} {}", b.major, b.minor, b.rssi, b.accuracy, b.proximity);
-        }
-        events.push_back(line + " ]");
-    }
-};
+using Recorder = quenby::test::LocationEventLog;
 
 std::shared_ptr<BeaconRegion> region(std::string id, std::optional<std::uint16_t> major = {},
                                      std::optional<std::uint16_t> minor = {}, UUID uuid = kStore) {
@@ -257,8 +224,9 @@ TEST_F(BeaconMonitorTest, ScannerOutageFailsEachRegionOnceAndSuspendsEverything)
     manager->startMonitoringForRegion(region("door", 1));  // the same definition: not new
     manager->startMonitoringForRegion(region("till", 3));
     at(60);
-    EXPECT_EQ(take(), (Events{"monitoring failed door 5", "ranging failed aisle 5",
-                              "monitoring failed till 5"}));
+    EXPECT_EQ(take(),
+              (Events{"monitoring failed door org.bluez 5", "ranging failed aisle org.bluez 5",
+                      "monitoring failed till org.bluez 5"}));
     hear(3, 1);  // queued before the failure, handled after it
     EXPECT_EQ(take(), Events{});
 
@@ -275,8 +243,9 @@ TEST_F(BeaconMonitorTest, ScannerOutageFailsEachRegionOnceAndSuspendsEverything)
     EXPECT_EQ(take(), (Events{"exit till", "range aisle [ ]"}));
 
     monitor->scannerStopped(down);
-    EXPECT_EQ(take(), (Events{"monitoring failed door 5", "monitoring failed till 5",
-                              "ranging failed aisle 5"}));
+    EXPECT_EQ(take(),
+              (Events{"monitoring failed door org.bluez 5", "monitoring failed till org.bluez 5",
+                      "ranging failed aisle org.bluez 5"}));
 }
 
 TEST_F(BeaconMonitorTest, ScanningObserverHearsEachChangeOnce) {

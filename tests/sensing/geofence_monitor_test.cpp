@@ -14,6 +14,7 @@
 #include "platform/location.h"
 #include "platform/location_manager.h"
 #include "platform/scheduler.h"
+#include "support/location_events.h"
 #include "support/test_support.h"
 
 namespace quenby::sensing {
@@ -30,38 +31,7 @@ using platform::Region;
 constexpr double kLat = 51.5, kLng = -0.12;
 constexpr double kMetresPerDegree = 6371008.8 * std::numbers::pi / 180.0;
 
-class Recorder : public platform::LocationManagerDelegate {
-  public:
-    std::vector<std::string> events;
-    void locationManagerDidUpdateLocations(LocationManager&,
-                                           const std::vector<platform::Location>&) override {
-        events.push_back("location");
-    }
-    void locationManagerDidEnterRegion(LocationManager&,
-                                       const std::shared_ptr<const Region>& r) override {
-        events.push_back("enter " + r->identifier());
-    }
-    void locationManagerDidExitRegion(LocationManager&,
-                                      const std::shared_ptr<const Region>& r) override {
-        events.push_back("exit " + r->identifier());
-    }
-    void locationManagerDidDetermineStateForRegion(
-        LocationManager&, std::int64_t state, const std::shared_ptr<const Region>& r) override {
-        events.push_back("state " + r->identifier() + " " + std::to_string(state));
-    }
-    void locationManagerMonitoringDidFailForRegionWithError(LocationManager&,
-                                                            const std::shared_ptr<const Region>& r,
-                                                            const Error& e) override {
-        events.push_back("failed " + r->identifier() + " " + e.domain);
-    }
-    // Everything but location updates, which most cases do not care about.
-    std::vector<std::string> transitions() const {
-        std::vector<std::string> out;
-        for (const auto& e : events)
-            if (e != "location") out.push_back(e);
-        return out;
-    }
-};
+using Recorder = quenby::test::LocationEventLog;
 
 class GeofenceMonitorTest : public ::testing::Test {
   protected:
@@ -252,7 +222,8 @@ TEST_F(GeofenceMonitorTest, SourceFailureReachesEveryCircularRegionOncePerOutage
     m->sourceFailed(gone);
     m->sourceFailed(gone);
     EXPECT_EQ(recorder->transitions(),
-              (std::vector<std::string>{"failed shop gpsd", "failed park gpsd"}));
+              (std::vector<std::string>{"monitoring failed shop gpsd -4",
+                                        "monitoring failed park gpsd -4"}));
     m->fix(at(500));
     m->sourceFailed(gone);
     EXPECT_EQ(recorder->transitions().size(), 4u);
