@@ -21,6 +21,13 @@ using quenby::testing::BluezMock;
 using quenby::testing::PrivateBus;
 using quenby::testing::waitFor;
 
+// sdbus-c++ 1.2 (Debian) leaks the sd_bus object it made when a connection to a bus named by its
+// address cannot be started: the failure throws before the object is released. Only the tests that
+// give the source an address where no bus listens meet it; LeakSanitizer reads this list at exit.
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:sd_bus_new\n";
+}
+
 namespace {
 
 const UUID kStore = *UUID::parse("B9407F30-F5F8-466E-AFF9-25556B57FE6D");

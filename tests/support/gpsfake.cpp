@@ -97,7 +97,7 @@ std::vector<std::string> nmeaGarbage() {
         "this is not NMEA at all",
         "$GPGGA,120000.00,5130.000000,N,00007.200000,W,1,08,1.0,10.0,M,47.0,M,,*00",
         "$GPGGA,1200",
-        std::string("\x01\x02\x7f\xfe\xff\x00 noise", 14),
+        std::string("\x01\x02\x7f\xfe\xff\x00 noise", sizeof "\x01\x02\x7f\xfe\xff\x00 noise" - 1),
         std::string(300, 'A'),
     };
 }
