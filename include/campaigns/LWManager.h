@@ -18,6 +18,7 @@
 #include "platform/notifications.h"
 #include "platform/platform.h"
 
+class LWAppDelegate;
 class LWConfig;
 class LWCampaignRepository;
 class LWZonewiseDelegate;
@@ -115,6 +116,10 @@ class LWManager : public std::enable_shared_from_this<LWManager> {
     std::shared_ptr<QZWManager> zwManager() const;
     void setZWManager(std::shared_ptr<QZWManager> m);
     std::shared_ptr<LWZonewiseDelegate> getZonewiseDelegate() const { return zonewiseDelegate_; }
+    // A place for the host to keep its application-delegate proxy; the manager never fills it.
+    // The proxy holds the manager weakly, so keeping it here makes no cycle.
+    std::shared_ptr<LWAppDelegate> lwAppDelegate() const;
+    void setLwAppDelegate(std::shared_ptr<LWAppDelegate> proxy);
     const std::shared_ptr<quenby::platform::Platform>& platform() const { return platform_; }
 
     // The state file: documents directory + "/LurewaveState_<LWAPIToken>.plist".
@@ -139,6 +144,7 @@ class LWManager : public std::enable_shared_from_this<LWManager> {
     std::shared_ptr<LWCampaignRepository> campaignRepo_;  // guarded by mu_
     std::shared_ptr<QZWManager> zwManager_;               // guarded by mu_
     std::vector<std::shared_ptr<LWCampaign>> campaigns_;  // guarded by mu_
+    std::shared_ptr<LWAppDelegate> lwAppDelegate_;        // guarded by mu_
 };
 
 // The library's version.

@@ -13,6 +13,12 @@ class Url {
     // Parses an absolute URL ("scheme://host[:port]/path?query#fragment"). Answers nothing for
     // text that is not one (relative references, blanks, bad ports, bad percent-escapes).
     static std::optional<Url> parse(std::string_view text);
+    // Like parse, but also takes a relative reference ("status.example.com/events", "/events",
+    // "events?x=1"), which has no scheme and no host and is kept whole as its path and query.
+    // Such a URL names nothing that a request can reach without a base.
+    static std::optional<Url> parseReference(std::string_view text);
+
+    bool isRelative() const { return scheme_.empty(); }
 
     const std::string& absoluteString() const { return absolute_; }
     const std::string& scheme() const { return scheme_; }

@@ -18,10 +18,7 @@ namespace {
 // Appends JSON to one string without a temporary string per value.
 class JsonOut {
   public:
-    explicit JsonOut(std::string& out)
-        : out_(out),
-          serializer_(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
-                      Json::error_handler_t::replace) {}
+    explicit JsonOut(std::string& out) : out_(out) {}
     void value(const Json& v) {
         // The values of a large upload are almost all small integers and plain ASCII text.
         if (v.is_number_integer() && !v.is_number_unsigned()) {
@@ -42,7 +39,9 @@ class JsonOut {
                 return;
             }
         }
-        serializer_.dump(v, false, false, 0);
+        // The rest (reals, escaped text, event lists) is rare enough for the library's own
+        // writer and its temporary string.
+        out_ += v.dump(-1, ' ', false, Json::error_handler_t::replace);
     }
     // A key the code spells itself: nothing to escape.
     void key(const char* k) {
@@ -59,7 +58,6 @@ class JsonOut {
 
   private:
     std::string& out_;
-    nlohmann::detail::serializer<Json> serializer_;
 };
 
 // Writes one object; a date member is left out when its column was NULL.

@@ -1,5 +1,6 @@
 #include "analytics/QZWAnalyticsDatabase.h"
 
+#include "platform/console.h"
 #include "platform/files.h"
 
 using quenby::platform::Database;
@@ -24,8 +25,13 @@ std::unique_ptr<QZWAnalyticsDatabase> QZWAnalyticsDatabase::initWithInMemoryData
 }
 
 void QZWAnalyticsDatabase::setupDatabaseSchema() {
-    // Runs before any other user of the queue exists.
-    if (databaseQueue_) setupVersionedSchema(databaseQueue_->database(), kSchema);
+    // Runs before any other user of the queue exists. Without a connection the batch cannot run,
+    // which is reported like any other failure of it.
+    if (!databaseQueue_) {
+        quenby::platform::consoleWrite("Woah, SQL failed!");
+        return;
+    }
+    setupVersionedSchema(databaseQueue_->database(), kSchema);
 }
 
 void QZWAnalyticsDatabase::inTransaction(const std::function<void(Database&, bool&)>& block) const {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "campaigns/LWInteger.h"
+
 using quenby::platform::Date;
 using quenby::platform::describeJson;
 using quenby::platform::Json;
@@ -103,7 +105,7 @@ void LWCampaign::detect() {
     Date n = now();
     std::lock_guard lk(mu_);
     if (minRecurSecs_.is_null()) return;  // may be detected again at once
-    if (quenby::platform::jsonIntValue(&minRecurSecs_) == -1) {
+    if (lurewave::jsonInt64Value(&minRecurSecs_) == -1) {
         canDetectAfter_ = Date::distantFuture();
     } else {
         canDetectAfter_ = n.addingTimeInterval(quenby::platform::jsonDoubleValue(&minRecurSecs_));
@@ -173,7 +175,7 @@ std::shared_ptr<LWCampaign> LWCampaign::fromArchive(
     if (const Json* found = jsonMember(&a, "found_at"); found && found->is_object()) {
         c->foundAt_ = LWPlace::initWithDict(*found);
     }
-    c->viewCount_ = quenby::platform::jsonIntValue(jsonMember(&a, "view_count"));
+    c->viewCount_ = lurewave::jsonInt64Value(jsonMember(&a, "view_count"));
     c->viewed_ = quenby::platform::jsonBoolValue(jsonMember(&a, "viewed"));
     c->fulfilled_ = quenby::platform::jsonBoolValue(jsonMember(&a, "fulfilled"));
     c->foregroundOnly_ = quenby::platform::jsonBoolValue(jsonMember(&a, "foreground_only"));

@@ -79,12 +79,14 @@ void LWCampaignRepository::loadAllWithCompletion(
         auto self = weak.lock();
         if (!self) return;
         if (!error) {
-            // A broken server must not wipe the campaigns: without a kit, nothing is merged.
+            // A broken server must not wipe the campaigns: an answer that is no object, or whose
+            // "kits" is there but holds no kit object, merges nothing. A feed without "kits" is
+            // merged with no kit id and no server configuration.
             const Json* kits = feed ? jsonMember(&*feed, "kits") : nullptr;
             if (!feed || !feed->is_object()) {
                 error =
                     Error{"Lurewave", kMalformedFeed, "Malformed campaign feed: not a JSON object"};
-            } else if (!kits || !kits->is_array() || kits->empty() || !(*kits)[0].is_object()) {
+            } else if (kits && (!kits->is_array() || kits->empty() || !(*kits)[0].is_object())) {
                 error = Error{"Lurewave", kMalformedFeed, "Malformed campaign feed: no kit"};
             } else {
                 self->merge(*feed);
@@ -95,7 +97,8 @@ void LWCampaignRepository::loadAllWithCompletion(
 }
 
 void LWCampaignRepository::merge(const Json& feed) {
-    const Json& kit = feed["kits"][0];
+    const Json* kits = jsonMember(&feed, "kits");
+    const Json* kit = kits ? &(*kits)[0] : nullptr;
     const Json* linked = jsonMember(&feed, "linked");
     LWCampaign::Contents contents;
     if (const Json* list = jsonMember(linked, "contents"); list && list->is_array()) {
@@ -106,14 +109,15 @@ void LWCampaignRepository::merge(const Json& feed) {
     std::shared_ptr<LWConfig> config;
     {
         std::lock_guard lk(mu_);
-        kitId_ = kit.contains("id") ? kit["id"] : Json();
+        const Json* id = jsonMember(kit, "id");
+        kitId_ = id ? *id : Json();
         config = config_;
         // Campaigns the server no longer lists expire here and go with the prune that follows
         // every sync; those it lists get their real end back below.
         for (const auto& c : cache_) c->setEndAt(Date::distantPast());
     }
     if (config) {
-        const Json* synced = jsonMember(&kit, "configuration");
+        const Json* synced = jsonMember(kit, "configuration");
         config->setSynced(synced ? *synced : Json());
     }
     if (const Json* list = jsonMember(linked, "campaigns"); list && list->is_array()) {

@@ -73,9 +73,9 @@ std::string LWImagePreloader::htmlWithInlinedImages(quenby::platform::HttpClient
         req.timeoutSeconds = timeoutSeconds;
         req.maxResponseBytes = kMaxImageBytes;  // a larger image fails here and keeps its URL
         auto res = http.sendSync(req);
-        // An error page is no image: only a successful answer is embedded.
-        bool ok = !res.error && res.statusCode >= 200 && res.statusCode < 300;
-        if (!ok || res.body.size() > kMaxImageBytes) continue;
+        // Only a transport failure keeps the URL: like every other layer, the status code is not
+        // looked at, so whatever body an answer carries is embedded.
+        if (res.error || res.body.size() > kMaxImageBytes) continue;
         std::string replacement =
             "data:image;charset=US-ASCII;base64," + quenby::platform::base64Encode(res.body);
         result.replace(static_cast<std::size_t>(static_cast<long long>(m.start) + offset), m.length,

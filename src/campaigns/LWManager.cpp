@@ -260,6 +260,16 @@ std::shared_ptr<QZWManager> LWManager::zwManager() const {
     return zwManager_;
 }
 
+std::shared_ptr<LWAppDelegate> LWManager::lwAppDelegate() const {
+    std::lock_guard lk(mu_);
+    return lwAppDelegate_;
+}
+
+void LWManager::setLwAppDelegate(std::shared_ptr<LWAppDelegate> proxy) {
+    std::lock_guard lk(mu_);
+    lwAppDelegate_ = std::move(proxy);
+}
+
 void LWManager::setZWManager(std::shared_ptr<QZWManager> m) {
     std::lock_guard lk(mu_);
     zwManager_ = std::move(m);
@@ -298,16 +308,12 @@ void LWManager::loadState() {
     std::lock_guard lk(mu_);
     std::string path = plistPath();
     std::optional<Json> state;
+    // A missing or unreadable file is no error: the layer starts empty, without a word.
     if (platform_->files->fileExists(path)) {
-        std::string why = "cannot be read";
         if (auto bytes = platform_->files->readFile(path)) {
-            state = quenby::platform::unarchiveJson(*bytes, &why);
+            state = quenby::platform::unarchiveJson(*bytes);
         }
-        if (!state || !state->is_object()) {
-            quenby::platform::consoleWrite("Lurewave: Unreadable state file " + path + " (" + why +
-                                           "), starting empty.");
-            state.reset();
-        }
+        if (state && !state->is_object()) state.reset();
     }
     std::shared_ptr<LWCampaignRepository> repo;
     if (state) {

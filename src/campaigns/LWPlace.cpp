@@ -1,5 +1,7 @@
 #include "campaigns/LWPlace.h"
 
+#include "campaigns/LWInteger.h"
+
 using quenby::platform::Json;
 using quenby::platform::jsonMember;
 
@@ -14,7 +16,7 @@ std::shared_ptr<const LWPlace> LWPlace::initWithRegion(const QZWRegion& region) 
     p->name_ = region.name();
     Json ids = parsePlaceIds(
         quenby::platform::jsonString(jsonMember(&region.attributes(), "lw_place_ids")));
-    if (!ids.empty()) p->id_ = quenby::platform::jsonIntValue(&ids[0]);
+    if (!ids.empty()) p->id_ = lurewave::jsonInt64Value(&ids[0]);
     p->type_ = region.kind() == QZWRegion::Kind::Circle ? 1 : 0;
     if (auto* b = dynamic_cast<const QZWBeacon*>(&region)) {
         p->proximity_ = b->proximity();
@@ -27,10 +29,8 @@ std::shared_ptr<const LWPlace> LWPlace::initWithRegion(const QZWRegion& region) 
 std::shared_ptr<const LWPlace> LWPlace::initWithDict(const Json& dict) {
     std::shared_ptr<LWPlace> p(new LWPlace());
     p->name_ = quenby::platform::jsonString(jsonMember(&dict, "name"));
-    const Json* id = jsonMember(&dict, "id");
-    auto n = id ? quenby::platform::Number::fromJson(*id) : std::nullopt;
-    p->id_ = n ? n->longLongValue() : quenby::platform::jsonIntValue(id);
-    p->type_ = quenby::platform::jsonIntValue(jsonMember(&dict, "type"));
+    p->id_ = lurewave::jsonInt64Value(jsonMember(&dict, "id"));
+    p->type_ = lurewave::jsonInt64Value(jsonMember(&dict, "type"));
     return p;
 }
 

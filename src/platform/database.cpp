@@ -343,7 +343,9 @@ void DatabaseQueue::inDatabase(const std::function<void(Database&)>& block) {
 
 void DatabaseQueue::inTransaction(const std::function<void(Database&, bool&)>& block) {
     queue_->sync([&] {
-        if (!db_->beginExclusiveTransaction()) return;
+        // Like the wrapper this one stands for, a refused BEGIN does not skip the block: its
+        // statements then run on their own, and the commit below fails harmlessly.
+        db_->beginExclusiveTransaction();
         bool rollback = false;
         block(*db_, rollback);
         if (rollback) {

@@ -73,6 +73,25 @@ std::optional<Url> Url::parse(std::string_view text) {
     return u;
 }
 
+std::optional<Url> Url::parseReference(std::string_view text) {
+    if (auto absolute = parse(text)) return absolute;
+    if (text.empty() || text.size() > 65536 || !validEscapes(text)) return std::nullopt;
+    for (unsigned char c : text) {
+        if (c <= 0x20 || c == 0x7F) return std::nullopt;
+    }
+    // A ':' before any '/', '?' or '#' would make the start a scheme, and absolute text that
+    // parse refused stays refused.
+    std::size_t colon = text.find(':');
+    if (colon != std::string_view::npos && colon < text.find_first_of("/?#")) return std::nullopt;
+    std::string_view rest = text.substr(0, text.find('#'));
+    std::size_t q = rest.find('?');
+    Url u;
+    u.absolute_ = std::string(text);
+    u.path_ = std::string(rest.substr(0, q));
+    if (q != std::string_view::npos) u.query_ = std::string(rest.substr(q + 1));
+    return u;
+}
+
 std::vector<std::string> Url::pathComponents() const {
     std::vector<std::string> out;
     if (path_.empty()) return out;

@@ -62,8 +62,11 @@ std::shared_ptr<QZWManager> QZWManager::managerWithDelegateAndConfig(
 QZWManager::QZWManager(std::shared_ptr<quenby::platform::Platform> p,
                        std::weak_ptr<QZWManagerDelegate> delegate,
                        const std::optional<Json>& config)
-    : platform_(std::move(p)), config_(QZWConfiguration::sharedConfiguration(*platform_)) {
-    checkForLocationAlwaysUsageDescription();
+    // The usage check comes first: a host without the declaration must be stopped before the
+    // shared configuration is made (and complains about its own files) on its behalf.
+    : platform_(std::move(p)),
+      config_((checkForLocationAlwaysUsageDescription(),
+               QZWConfiguration::sharedConfiguration(*platform_))) {
     if (config) config_.configureWithDictionary(*config);
     buildKitFromCacheForURL(config_.url());  // not started: nothing is registered yet
     delegate_ = std::move(delegate);

@@ -28,8 +28,21 @@ HttpRequest QTLAPIRequest::newPostRequest(const std::optional<Url>& url) const {
     return req;
 }
 
+namespace {
+
+// A relative reference has no base to resolve against here, so no exchange can take place; the
+// transport's own answer to such text is given without letting it guess a scheme and host.
+std::optional<quenby::platform::Error> unreachable(
+    const std::optional<quenby::platform::Url>& url) {
+    if (!url || !url->isRelative()) return std::nullopt;
+    return quenby::platform::Error{"curl", 3, "URL using bad/illegal format or missing URL"};
+}
+
+}  // namespace
+
 std::optional<QTLAPIRequest::Error> QTLAPIRequest::postSync(const std::optional<Url>& url,
                                                             const std::string& body) const {
+    if (auto error = unreachable(url)) return error;
     HttpRequest req = newPostRequest(url);
     req.body = body;
     return platform_->http->sendSync(req).error;
@@ -47,6 +60,10 @@ void QTLAPIRequest::post(const std::optional<Url>& url, const std::string& body,
 }
 
 void QTLAPIRequest::send(HttpRequest req, const std::optional<Url>& url, Handler handler) const {
+    if (auto error = unreachable(url)) {
+        processResponseData({}, std::move(error), url, handler);
+        return;
+    }
     quenby::platform::sendTwice(
         *platform_->http, std::move(req),
         [self = *this, url, handler = std::move(handler)](HttpResponse res) {

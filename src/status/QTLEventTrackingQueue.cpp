@@ -9,7 +9,9 @@ std::shared_ptr<QTLEventTrackingQueue> QTLEventTrackingQueue::initWithConfig(
     std::shared_ptr<QTLEventTrackingQueue> q(new QTLEventTrackingQueue(platform));
     q->db_ = std::make_unique<QTLStatusDatabase>(*platform);
     auto urlText = quenby::platform::jsonString(quenby::platform::jsonMember(&config, "url"));
-    auto url = urlText ? quenby::platform::Url::parse(*urlText) : std::nullopt;
+    // Any text a URL parser takes is a URL, a relative reference too: only an exchange that
+    // took place may stamp rows, and such a URL fails at the request instead.
+    auto url = urlText ? quenby::platform::Url::parseReference(*urlText) : std::nullopt;
     q->uploader_ = std::make_unique<QTLStatusUploader>(
         platform, url,
         quenby::platform::jsonString(quenby::platform::jsonMember(&config, "token")));

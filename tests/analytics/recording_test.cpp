@@ -8,12 +8,26 @@ using namespace quenby::test;
 using platform::Json;
 
 TEST(QZWAnalyticsDatabase, SchemaIsTheBatchAndTheVersionIsRecordedOnce) {
+    // The on-disk format, written out here rather than taken from the code under test.
+    const std::string schema =
+        "create table if not exists schema_version (version integer);"
+        "create table if not exists region_sessions (id integer primary key autoincrement,"
+        "entered_at text,exited_at text,region_major integer,region_minor integer,region_uuid "
+        "text,uuid text,uploaded_at text);"
+        "create table if not exists beacon_sessions (id integer primary key autoincrement,"
+        "first_detected_at text,last_detected_at text,beacon_major integer,beacon_minor "
+        "integer,beacon_uuid text,uuid text,uploaded_at text,region_session_id integer);"
+        "create table if not exists events (id integer primary key autoincrement,event_type "
+        "text,event_details blob,uploaded_at text,triggered_at text,uuid text);"
+        "create table if not exists geo_region_sessions (id integer primary key "
+        "autoincrement,entered_at text,exited_at text,latitude real,longitude real,radius "
+        "real,uuid text,region_id text,uploaded_at text);";
+    EXPECT_EQ(std::string(QZWAnalyticsDatabase::kSchema), schema) << "run as one batch";
     AnalyticsFixture f;
     std::string expected;
-    std::string batch = QZWAnalyticsDatabase::kSchema;
-    for (std::size_t pos = 0; pos < batch.size();) {
-        std::size_t end = batch.find(';', pos);
-        std::string stmt = batch.substr(pos, end - pos);
+    for (std::size_t pos = 0; pos < schema.size();) {
+        std::size_t end = schema.find(';', pos);
+        std::string stmt = schema.substr(pos, end - pos);
         stmt.replace(0, std::string("create table if not exists ").size(), "CREATE TABLE ");
         expected += stmt + ";";
         pos = end + 1;
@@ -42,6 +56,18 @@ TEST(QZWAnalyticsDatabase, SchemaIsTheBatchAndTheVersionIsRecordedOnce) {
         if (rs && rs->next()) count = rs->intForColumnIndex(0);
     });
     EXPECT_EQ(count, 0) << "nothing survives an in-memory database";
+
+    // No connection at all: the schema batch has nothing to run on, which is its failure too.
+    ConsoleCapture console;
+    VirtualPlatform nowhere;
+    nowhere.platform->documentsDirectory = nowhere.documents.file("no/such/dir");
+    QZWAnalyticsDatabase unopened(*nowhere.platform);
+    EXPECT_FALSE(unopened.databaseQueue());
+    EXPECT_EQ(console.lines(),
+              (std::vector<std::string>{"Could not create database queue for path " +
+                                            nowhere.documents.file("no/such/dir") +
+                                            "/ZonewiseAnalytics.sqlite",
+                                        "Woah, SQL failed!"}));
 }
 
 TEST(QZWAnalytics, EnterRangeTwiceExitMakesOneClosedSessionWithOneBeaconRow) {

@@ -49,7 +49,10 @@ struct UploadFixture : AnalyticsFixture {
                                        {{"event_type", "found"}, {"campaign_id", "c1"}});
         analytics->addEventWithDetails("lurewave_events",
                                        {{"event_type", "viewed"}, {"triggered_at", "x"}});
+        // Event types that name the document's own keys are overwritten by them.
         analytics->addEventWithDetails("app_id", {{"shadowed", true}});
+        analytics->addEventWithDetails("partner_id", {{"shadowed", true}});
+        analytics->addEventWithDetails("zonewise_events", {{"shadowed", true}});
     }
 };
 
@@ -67,6 +70,13 @@ TEST(QZWAnalyticsUpload, SendsOneDocumentWithTheLayersHeadersThenStampsTheRows) 
     EXPECT_EQ(requests[0].header("Content-Type"), "application/json");
     EXPECT_EQ(requests[0].header("Accept"), "application/json");
 
+    // A parser keeps the last of two equal keys, so a shadowed event type shows only in the text.
+    for (const char* key : {"\"app_id\":", "\"partner_id\":", "\"zonewise_events\":"}) {
+        const std::string& body = requests[0].body;
+        std::size_t n = 0;
+        for (auto p = body.find(key); p != std::string::npos; p = body.find(key, p + 1)) ++n;
+        EXPECT_EQ(n, 1u) << key << " is sent once";
+    }
     Json doc = Json::parse(requests[0].body);
     Json expected = {{"lurewave_events",
                       {{{"event_type", "found"},
@@ -106,21 +116,33 @@ TEST(QZWAnalyticsUpload, SendsOneDocumentWithTheLayersHeadersThenStampsTheRows) 
 
     EXPECT_EQ(f.rows("select * from region_sessions where uploaded_at is not null").size(), 1u);
     EXPECT_EQ(f.rows("select * from geo_region_sessions where uploaded_at is not null").size(), 1u);
-    EXPECT_EQ(f.rows("select * from events where uploaded_at is not null").size(), 3u);
+    EXPECT_EQ(f.rows("select * from events where uploaded_at is not null").size(), 5u);
     EXPECT_TRUE(f.rows("select * from beacon_sessions where uploaded_at is not null").empty())
         << "beacon rows travel with their session and are never stamped";
 
     f.analytics->uploadAnalyticsToServer();
     EXPECT_EQ(f.server.requestsTo("/analytics").size(), 1u) << "nothing new: no request at all";
 
-    // The open session goes once it is closed; a session without beacons has an empty list.
+    // The open session goes once it is closed; a session without beacons has an empty list, and
+    // each of several sessions carries only its own beacon rows.
+    for (int major : {4, 5}) {
+        auto r = beaconRegion(major, nullptr);
+        f.analytics->openSessionWithRegion(r.get());
+        f.analytics->updateSessionWithRegionAndBeacons(r.get(), {beacon(major, 1)});
+        f.analytics->closeSessionWithRegion(r.get());
+    }
     f.analytics->closeSessionWithRegion(beaconRegion(3, nullptr).get());
     f.analytics->uploadAnalyticsToServer();
     auto second = f.posted().back();
     auto sessions = second["zonewise_events"][0]["region_sessions"];
-    ASSERT_EQ(sessions.size(), 1u);
+    ASSERT_EQ(sessions.size(), 3u);
+    EXPECT_EQ(sessions[0]["region_major"], 3);
     EXPECT_EQ(sessions[0]["region_minor"], Json());
     EXPECT_EQ(sessions[0]["beacon_sessions"], Json::array());
+    for (int i : {1, 2}) {
+        ASSERT_EQ(sessions[i]["beacon_sessions"].size(), 1u);
+        EXPECT_EQ(sessions[i]["beacon_sessions"][0]["beacon_major"], sessions[i]["region_major"]);
+    }
     EXPECT_EQ(second["zonewise_events"][0]["geo_region_sessions"], Json::array());
 }
 
@@ -154,7 +176,7 @@ TEST(QZWAnalyticsUpload, StampsOnlyAfterACompletedExchangeAndSendsEverythingAgai
     EXPECT_EQ(docs[0]["other"].size(), 1u);
     EXPECT_EQ(docs[0]["zonewise_events"][0]["region_sessions"].size(), 1u);
     EXPECT_EQ(f.rows("select * from events where uploaded_at is null").size(), 0u);
-    EXPECT_EQ(console.withPrefix("Zonewise[Info] Posted events to analytics server").size(), 4u);
+    EXPECT_EQ(console.withPrefix("Zonewise[Info] Posted events to analytics server").size(), 6u);
     EXPECT_EQ(console.withPrefix("Zonewise[Info] Posted beacon sessions").size(), 1u);
     EXPECT_EQ(console.withPrefix("Zonewise[Info] Posted geo sessions").size(), 1u);
 }

@@ -86,27 +86,107 @@ TEST(LWManagerWalk, FoundAtItsTriggerDistanceViewedFulfilledRecordedUploadedAndR
     EXPECT_TRUE(f.manager->activeCampaigns().empty());
 }
 
-TEST(LWManagerPush, TokenWaitsForTheTokenUrlAndTheSameTokenIsSentOnce) {
+TEST(LWManagerWalk, AForegroundOnlyCampaignAtAPlaceIdBeyond32Bits) {
+    CampaignFixture f;
+    auto kit = f.kit();
+    kit["kit"]["ibeacons"][0]["attributes"]["lw_place_ids"] = "[3000000000]";
+    f.server.on("GET", "/kit", Reply{200, kit.dump()});
+    // 2^32 - 1 seconds: cut to 32 bits it would read as -1, "never again".
+    f.serveFeed(
+        {CampaignFixture::campaign(
+             "c1", {{"min_recur_secs", 4294967295LL},
+                    {"foreground_only", true},
+                    {"links",
+                     {{"content", 5}, {"places", {3000000000LL}}, {"fulfillment_places", {9}}}}}),
+         CampaignFixture::campaign(
+             "c2", {{"trigger_distance", nullptr}, {"links", {{"content", 5}, {"places", {9}}}}})});
+    f.startAndSync();
+    auto& app = *f.vp.platform->application;
+    auto door = CampaignFixture::region(1, "door");
+    f.location().deliverEnter(door);
+    EXPECT_TRUE(app.runningBackgroundTasks().empty())
+        << "a foreground-only campaign never ranges in the background";
+    double now = f.vp.scheduler().now().timeIntervalSince1970();
+    f.location().deliverRanging(door, {CampaignFixture::beacon(1, 1.0)});
+    EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didSync", "place 3000000000 1",
+                                                          "found c1", "place 3000000000 0"}));
+    auto c1 = f.manager->campaignWithId("c1"), c2 = f.manager->campaignWithId("c2");
+    ASSERT_TRUE(c1 && c1->foundAt() && c2);
+    EXPECT_EQ(c1->foundAt()->id(), 3000000000);
+    ASSERT_TRUE(c1->canDetectAfter());
+    EXPECT_DOUBLE_EQ(c1->canDetectAfter()->timeIntervalSince1970(), now + 4294967295.0);
+
+    // Viewed, then in the background: c1 is inactive and its fulfilment place fulfils nothing,
+    // while c2 is found there and goes first in the found list.
+    f.vp.scheduler().performPass([&] { f.manager->setCampaignViewed(c1); });
+    app.setApplicationState(platform::ApplicationState::Background);
+    auto checkout = CampaignFixture::region(2, "checkout");
+    f.location().deliverRanging(checkout, {CampaignFixture::beacon(2, 1.0)});
+    EXPECT_FALSE(c1->fulfilled()) << "an inactive campaign is not fulfilled";
+    using Found = std::vector<std::shared_ptr<LWCampaign>>;
+    EXPECT_EQ(f.manager->foundCampaigns(), (Found{c2, c1})) << "newest first";
+    app.setApplicationState(platform::ApplicationState::Active);
+    f.location().deliverRanging(checkout, {CampaignFixture::beacon(2, 1.0)});
+    EXPECT_TRUE(c1->fulfilled());
+    auto events = f.analyticsEvents();
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[0]["place_id"], "3000000000");
+    EXPECT_EQ(events[1]["place_id"], "3000000000") << "viewed, at the place of the find";
+    EXPECT_EQ(events[3]["event_type"], "fulfilled");
+
+    f.manager->removeCampaign(c2);
+    EXPECT_EQ(f.manager->foundCampaigns(), (Found{c1}));
+    auto onDisk = platform::unarchiveJson(*f.vp.platform->files->readFile(f.statePath()));
+    EXPECT_EQ((*onDisk)["campaign_ids"], Json::array({"c1"}));
+
+    f.manager.reset();
+    f.create();
+    ASSERT_EQ(f.manager->foundCampaigns().size(), 1u);
+    auto restored = f.manager->foundCampaigns()[0];
+    EXPECT_EQ(restored->foundAt()->id(), 3000000000);
+    EXPECT_EQ(restored->minRecurSecs(), 4294967295LL);
+    EXPECT_DOUBLE_EQ(restored->canDetectAfter()->timeIntervalSince1970(), now + 4294967295.0);
+}
+
+TEST(LWManagerPush, TokenWaitsForTheTokenUrlIsRetriedAfterAFailureAndIsSentOnce) {
     CampaignFixture f;
     f.create();
-    f.manager->registerDeviceToken({0x0a, 0x1b, 0x2c, 0xff});
+    platform::Bytes token{0x0a, 0x1b, 0x2c, 0xff};
+    f.manager->registerDeviceToken(token);
     f.vp.scheduler().settle();
     EXPECT_EQ(f.requests("/tokens"), 0u) << "no token URL before the first sync";
+    // The first POST fails (an empty answer is the error 204): the token keeps waiting.
+    f.server.on("POST", "/tokens", Reply{200, ""});
     f.manager->start();
     f.vp.scheduler().settle();
-    auto posts = f.server.requestsTo("/tokens");
-    ASSERT_EQ(posts.size(), 1u);
-    EXPECT_EQ(posts[0].method, "POST");
-    EXPECT_EQ(Json::parse(posts[0].body), Json({{"ios_token", "0a1b2cff"}}));
-    EXPECT_EQ(posts[0].header("AUTHORIZATION"), "Token token=\"lw-token\"");
-    EXPECT_EQ(posts[0].header("X-LW-FrameworkVersion"), "0.2.1");
-    EXPECT_EQ(posts[0].header("X-LW-AppID"), kTestVendorId);
-    std::vector<std::string> order;
-    for (const auto& [k, v] : posts[0].headers) order.push_back(k);
-    f.manager->registerDeviceToken({0x0a, 0x1b, 0x2c, 0xff});
-    f.vp.scheduler().settle();
     EXPECT_EQ(f.requests("/tokens"), 1u);
+    EXPECT_FALSE(f.manager->campaignRepo()->registeredDeviceToken());
+    EXPECT_EQ(f.manager->campaignRepo()->deviceTokenToRegister(), token);
+    f.server.on("POST", "/tokens", Reply{200, "{\"ok\":true}"});
+    f.manager->sync();
+    f.vp.scheduler().settle();
+    auto posts = f.server.requestsTo("/tokens");
+    ASSERT_EQ(posts.size(), 2u) << "the next sync sends it again";
+    EXPECT_EQ(f.manager->campaignRepo()->registeredDeviceToken(), "0a1b2cff");
+    EXPECT_FALSE(f.manager->campaignRepo()->deviceTokenToRegister());
+    EXPECT_EQ(posts[1].method, "POST");
+    EXPECT_EQ(Json::parse(posts[1].body), Json({{"ios_token", "0a1b2cff"}}));
+    EXPECT_EQ(posts[1].header("AUTHORIZATION"), "Token token=\"lw-token\"");
+    EXPECT_EQ(posts[1].header("X-LW-FrameworkVersion"), "0.2.1");
+    EXPECT_EQ(posts[1].header("X-LW-AppID"), kTestVendorId);
+    // The server's view of the headers is sorted; their order is checked where it is made.
+    platform::HttpRequest probe;
+    LWAPIRequest(f.vp.platform, "lw-token").setHeaders(probe);
+    std::vector<std::string> order;
+    for (const auto& [k, v] : probe.headers) order.push_back(k);
+    EXPECT_EQ(order, (std::vector<std::string>{"AUTHORIZATION", "X-LW-FrameworkVersion",
+                                               "X-LW-AppID", "Content-Type"}));
+    f.manager->registerDeviceToken(token);
+    f.vp.scheduler().settle();
+    EXPECT_EQ(f.requests("/tokens"), 2u);
 
+    // A failed DELETE forgets the token all the same.
+    f.server.on("DELETE", "/tokens", Reply{200, ""});
     f.manager->deregisterDeviceToken();
     f.vp.scheduler().settle();
     EXPECT_EQ(f.server.requests().back().method, "DELETE");
@@ -134,15 +214,34 @@ TEST(LWManagerPush, RemoteNotificationsSyncWithinSixHoursOfAPlaceAndNotAfter) {
     running = f.vp.platform->application->runningBackgroundTasks();
     EXPECT_EQ(std::find(running.begin(), running.end(), ""), running.end()) << "ended after 5 s";
 
-    // Exactly six hours after the last detection is outside the window.
+    // Exactly six hours after the last detection is outside the window; exits and the outside
+    // and unknown states are place events but no detections.
     f.manager->getZonewiseDelegate()->setCompletionHandler(nullptr);
-    f.location().deliverEnter(CampaignFixture::region(1, "door"));
+    auto door = CampaignFixture::region(1, "door");
+    f.location().deliverEnter(door);
     f.vp.scheduler().advanceBy(6 * 3600);
+    f.host->clear();
+    f.location().deliverExit(door);
+    f.location().deliverState(door, 2);
+    f.location().deliverState(door, 0);
+    EXPECT_EQ(f.host->events(), (std::vector<std::string>{"place 7 2", "place 7 4", "place 7 5"}));
     results.clear();
     campaigns = f.requests("/campaigns");
     f.manager->handleRemoteNotificationFetchCompletionHandler({}, handler);
     EXPECT_EQ(results, (std::vector<int>{1}));
     EXPECT_EQ(f.requests("/campaigns"), campaigns);
+
+    // Inside counts; without background time the push still syncs, and says why it cannot range.
+    f.location().deliverState(door, 1);
+    EXPECT_EQ(f.host->events().back(), "place 7 3");
+    f.vp.platform->application->setBackgroundTimeAvailable(false);
+    ConsoleCapture console;
+    f.manager->handleRemoteNotificationFetchCompletionHandler({}, handler);
+    EXPECT_EQ(results, (std::vector<int>{1, 0}));
+    EXPECT_EQ(console.lines(),
+              (std::vector<std::string>{
+                  "Lurewave: handling remote notification.", "Lurewave: Sync completed.",
+                  "Lurewave: not able to start background ranging for remote notification."}));
 }
 
 TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
@@ -154,12 +253,13 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
     auto before = f.vp.platform->files->readFile(f.statePath());
     ConsoleCapture console;
     std::string huge = "{\"kits\": \"" + std::string(8 << 20, 'x') + "\"}";
+    std::vector<int> results;
     for (std::string body :
          {std::string("[1, 2]"), std::string("{\"kits\": []}"), std::string("{\"kits\": [3]}"),
           std::string("\"text\""), std::string("<html>down</html>"), huge}) {
         f.host->clear();
         f.server.on("GET", "/campaigns", Reply{200, body});
-        f.manager->sync();
+        f.manager->syncWithCompletionHandler([&](int r) { results.push_back(r); });
         f.vp.scheduler().settle();
         std::string what = body.substr(0, 40);
         EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didFail Lurewave 422"})) << what;
@@ -169,6 +269,22 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
     }
     EXPECT_EQ(console.withPrefix("Lurewave: Sync failed.  Error Domain=Lurewave Code=422").size(),
               6u);
+    EXPECT_EQ(results, std::vector<int>(6, 2)) << "a failed sync is a failed fetch";
+
+    // An object without "kits" is merged all the same, with no kit id and no server
+    // configuration.
+    f.host->clear();
+    auto noKits = f.feed({CampaignFixture::campaign("c1")});
+    noKits.erase("kits");
+    f.server.on("GET", "/campaigns", Reply{200, noKits.dump()});
+    f.manager->sync();
+    f.vp.scheduler().settle();
+    EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didSync"}));
+    EXPECT_EQ(results.back(), 0) << "the handler stays installed; new data";
+    EXPECT_EQ(f.manager->activeCampaigns().size(), 1u);
+    EXPECT_EQ(f.manager->foundCampaigns().size(), 1u);
+    EXPECT_TRUE(f.manager->campaignRepo()->kitId().is_null());
+    EXPECT_TRUE(f.manager->config()->synced().is_null());
 
     // A feed without "linked" carries no campaigns: every cached one expires.
     f.server.on("GET", "/campaigns", Reply{200, "{\"kits\": [{\"id\": 17}]}"});
@@ -176,6 +292,15 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
     f.vp.scheduler().settle();
     EXPECT_TRUE(f.manager->activeCampaigns().empty());
     EXPECT_TRUE(f.manager->foundCampaigns().empty());
+
+    // A failed kit sync loads no campaigns and deliberately does not fail the fetch.
+    f.host->clear();
+    results.clear();
+    f.server.on("GET", "/kit", Reply{200, ""});
+    f.manager->sync();
+    f.vp.scheduler().settle();
+    EXPECT_EQ(f.host->events(), (std::vector<std::string>{"didFail Zonewise 204"}));
+    EXPECT_EQ(results, (std::vector<int>{0}));
 }
 
 TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
@@ -196,9 +321,10 @@ TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
         f.create();
         EXPECT_TRUE(f.manager->foundCampaigns().empty());
         EXPECT_TRUE(f.manager->activeCampaigns().empty());
+        EXPECT_EQ(f.vp.platform->files->readFile(f.statePath()), bad) << "nothing is written";
         f.manager.reset();
     }
-    EXPECT_EQ(console.withPrefix("Lurewave: Unreadable state file ").size(), 3u);
+    EXPECT_TRUE(console.withPrefix("Lurewave").empty()) << "an unreadable file is no error";
 
     f.vp.platform->files->writeFile(f.statePath(), good, false);
     f.create();

@@ -36,27 +36,32 @@ TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) 
     server.on("GET", "/a.png", Reply{200, "AAA", "image/png"});
     server.on("GET", "/b.png", Reply{200, std::string(5000, 'b'), "image/png"});
     server.on("GET", "/huge.png", Reply{200, std::string(2 * 1048576, 'h'), "image/png"});
+    server.on("GET", "/broken.png", Reply{500, "oops", "text/plain"});
     auto& http = *vp.platform->http;
     std::string a = server.url("/a.png"), b = server.url("/b.png");
 
     EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(http, "<p>no images</p>"),
               "<p>no images</p>");
-    std::string html =
-        "<p><img class=\"x\" src=\"" + a + "\"></p><IMG src=\"" + a + "\"><img src='" + b +
-        "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
-        "<img src=\"data:image;base64,AA==\"><img src=\"" +
-        server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
+    std::string html = "<p><img class=\"x\" src=\"" + a + "\"></p><IMG src=\"" + a +
+                       "\"><img src='" + b +
+                       "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
+                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
+                       server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") +
+                       "\"><img src=\"" + server.url("/broken.png") + "\">";
     std::string out = LWImagePreloader::htmlWithInlinedImages(http, html);
-    std::string dataA =
-        "data:image;charset=US-ASCII;base64," + platform::base64Encode(platform::toBytes("AAA"));
-    std::string dataB = "data:image;charset=US-ASCII;base64," +
-                        platform::base64Encode(platform::toBytes(std::string(5000, 'b')));
-    std::string want =
-        "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a + "\"><img src='" + dataB +
-        "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
-        "<img src=\"data:image;base64,AA==\"><img src=\"" +
-        server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") + "\">";
-    EXPECT_EQ(out, want) << "upper-case tags, relative, data and over-1-MiB images keep their URL";
+    auto inlined = [](const std::string& body) {
+        return "data:image;charset=US-ASCII;base64," +
+               platform::base64Encode(platform::toBytes(body));
+    };
+    std::string dataA = inlined("AAA"), dataB = inlined(std::string(5000, 'b'));
+    std::string want = "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a +
+                       "\"><img src='" + dataB +
+                       "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
+                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
+                       server.url("/huge.png") + "\"><img src=\"" + inlined("not found") +
+                       "\"><img src=\"" + inlined("oops") + "\">";
+    EXPECT_EQ(out, want) << "upper-case tags, relative, data and over-1-MiB images keep their URL; "
+                            "the status code is not looked at, so 404 and 500 bodies are embedded";
 
     // The expression's own choices: the last src= before the tag's first '>', a value that may
     // hold '>', and no match without a closing '>'.
@@ -212,12 +217,13 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
         campaignJson(kBefore, kAfter, {{"min_recur_secs", 60}, {"trigger_distance", 1.5}}),
         {content});
     c->detect();
-    c->setViewCount(2);
+    c->setViewCount(5000000002);
     c->setViewed(true);
     c->setFoundAt(LWPlace::initWithDict({{"id", 7}, {"name", "Door"}, {"type", 0}}));
     auto back = LWCampaign::fromArchive(vp.platform, c->archive());
     ASSERT_TRUE(back);
     EXPECT_EQ(back->archive(), c->archive());
+    EXPECT_EQ(back->viewCount(), 5000000002) << "counts are 64-bit";
     EXPECT_TRUE(back->isEqual(*c));
     EXPECT_EQ(back->foundAt()->description(), "<LWPlace id=7 name=\"Door\">");
 
@@ -261,6 +267,9 @@ TEST(LWPlace, FromRegionsAndPlaceIds) {
     EXPECT_EQ(LWPlace::parsePlaceIds("not json"), Json::array());
     EXPECT_EQ(LWPlace::parsePlaceIds("{\"a\":1}"), Json::array());
     EXPECT_EQ(LWPlace::parsePlaceIds("[\"7\"]"), Json::array({"7"}));
+    QZWCircle big({{"type", "circle"}, {"attributes", {{"lw_place_ids", "[\"3000000000\"]"}}}});
+    EXPECT_EQ(LWPlace::initWithRegion(big)->id(), 3000000000) << "a place id given as text";
+    EXPECT_EQ(LWPlace::initWithDict({{"id", "-3000000000"}})->id(), -3000000000);
     QZWCircle none({{"type", "circle"}, {"attributes", {{"lw_place_ids", "[]"}}}});
     EXPECT_EQ(LWPlace::initWithRegion(none)->id(), 0);
 }

@@ -96,6 +96,9 @@ TEST(LWAppDelegate, PushesReachTheHostOrTheManagerByPrecedence) {
     EXPECT_EQ(host->heard, (std::vector<std::string>{"token"}));
     EXPECT_EQ(f.manager->campaignRepo()->registeredDeviceToken(), "0102");
     auto proxy = std::static_pointer_cast<LWAppDelegate>(app.delegate());
+    EXPECT_FALSE(f.manager->lwAppDelegate()) << "the manager never fills its slot";
+    f.manager->setLwAppDelegate(proxy);
+    EXPECT_EQ(f.manager->lwAppDelegate(), proxy);
     EXPECT_TRUE(proxy->respondsTo(C::DidBecomeActive)) << "a host-only callback";
     EXPECT_FALSE(proxy->respondsTo(C::WillTerminate));
     proxy->applicationDidBecomeActive(app);

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
 #include "platform/plist.h"
 #include "proximity/QZWLogger.h"
 #include "support/test_support.h"
@@ -70,14 +74,35 @@ TEST(QZWConfiguration, MissingOrBrokenFileLeavesEverythingAbsent) {
     EXPECT_FALSE(c.apiToken()) << "a token of the wrong type reads as absent";
 }
 
-TEST(QZWConfiguration, SharedInstanceIsMadeOnceFromTheFirstCallersBundles) {
-    test::VirtualPlatform a, b;
-    a.writeBundlePlist("Zonewise.plist", {{"ZWAPIToken", "first"}});
-    b.writeBundlePlist("Zonewise.plist", {{"ZWAPIToken", "second"}});
-    auto& shared = QZWConfiguration::sharedConfiguration(*a.platform);
-    EXPECT_EQ(&shared, &QZWConfiguration::sharedConfiguration(*b.platform));
-    EXPECT_EQ(shared.apiToken(), "first");
-    shared.setBundles(b.platform->mainBundle, std::nullopt);
-    shared.configureFromPlistFile();
-    EXPECT_EQ(QZWConfiguration::sharedConfiguration(*a.platform).apiToken(), "second");
+namespace {
+
+// Runs in a fresh process: prints what the shared instance was made from and exits.
+[[noreturn]] void reportSharedConfiguration() {
+    std::string seen;
+    {
+        test::VirtualPlatform a, b;
+        a.writeBundlePlist("Zonewise.plist", {{"ZWAPIToken", "first"}});
+        b.writeBundlePlist("Zonewise.plist", {{"ZWAPIToken", "second"}});
+        auto& shared = QZWConfiguration::sharedConfiguration(*a.platform);
+        seen += &shared == &QZWConfiguration::sharedConfiguration(*b.platform) ? "one instance"
+                                                                               : "two instances";
+        seen += ", made with " + shared.apiToken().value_or("nothing");
+        shared.setBundles(b.platform->mainBundle, std::nullopt);
+        shared.configureFromPlistFile();
+        seen += ", then " +
+                QZWConfiguration::sharedConfiguration(*a.platform).apiToken().value_or("nothing");
+    }
+    std::fprintf(stderr, "[%s]\n", seen.c_str());
+    std::exit(0);
+}
+
+}  // namespace
+
+// The shared instance lives for the whole process and any earlier test may already have made it,
+// so the check runs in a fresh one: "threadsafe" re-executes this binary for this test alone (a
+// plain fork would inherit an instance made before it).
+TEST(QZWConfigurationDeathTest, SharedInstanceIsMadeOnceFromTheFirstCallersBundles) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(reportSharedConfiguration(), testing::ExitedWithCode(0),
+                "\\[one instance, made with first, then second\\]");
 }

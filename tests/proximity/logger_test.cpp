@@ -8,9 +8,10 @@ using quenby::test::ConsoleCapture;
 using quenby::test::LogLevelGuard;
 
 TEST(QZWLogger, ThresholdPrefixesAndLevelsWithoutAFormat) {
+    // Every test that changes the threshold puts it back, so here it is still the initial one.
+    EXPECT_EQ(QZWLogger::level(), 3) << "Error by default";
     LogLevelGuard guard(QZWLogLevelError);
     ConsoleCapture console;
-    EXPECT_EQ(QZWLogger::level(), 3);
     QZWLogger::logFormat(QZWLogLevelError, "API Request Failed with Error: {}", "x");
     QZWLogger::log(QZWLogLevelCritical, "ERROR: Missing Zonewise.plist file.");
     QZWLogger::log(QZWLogLevelWarning, "Unable to load kit from cache file");

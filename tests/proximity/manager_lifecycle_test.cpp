@@ -1,6 +1,8 @@
 // The manager's lifecycle and its failure paths, end to end.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "platform/plist.h"
 #include "proximity/QZWLogger.h"
 #include "proximity/manager_fixture.h"
@@ -19,10 +21,13 @@ TEST(QZWManagerLifecycle, ServerDownUsesTheCacheRetriesEveryThirtySecondsThenHou
     EXPECT_TRUE(f.calls().empty()) << "but not registered before start";
 
     std::vector<int> results;
+    std::vector<std::size_t> delegateCallsBefore;
     std::mutex mu;
     f.manager->syncWithCompletionHandler([&](int r) {
+        auto heard = f.recorder->events().size();
         std::lock_guard lk(mu);
         results.push_back(r);
+        delegateCallsBefore.push_back(heard);
     });
     f.scheduler().settle();
     f.manager->start();
@@ -52,13 +57,27 @@ TEST(QZWManagerLifecycle, ServerDownUsesTheCacheRetriesEveryThirtySecondsThenHou
     std::lock_guard lk(mu);
     ASSERT_GE(results.size(), 5u) << "the stored handler runs at the end of every later sync";
     EXPECT_EQ(results[0], 2);
+    EXPECT_EQ(delegateCallsBefore[0], 0u) << "the handler hears of a failure before the delegate";
     EXPECT_EQ(results.back(), 0);
 }
 
 TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop) {
     ManagerFixture f;
+    LogLevelGuard debug(QZWLogLevelDebug);
+    ConsoleCapture console;
+    auto registrationLines = [&] {
+        std::vector<std::string> out;
+        for (const char* p :
+             {"Zonewise[Debug] Monitoring", "Zonewise[Debug] Start ", "Zonewise[Info] Stopping "}) {
+            for (auto& l : console.withPrefix(p)) out.push_back(std::move(l));
+        }
+        return out;
+    };
+    writeFile(f.vp.documents.file("zonewise-api-kits-17.data"), "");
     f.location().setAuthorizationStatus(2);  // denied
     f.create();
+    EXPECT_FALSE(f.manager->kit()) << "an empty cache file holds no kit";
+    EXPECT_TRUE(console.contains("Zonewise[Warning] Unable to load kit from cache file"));
     f.manager->start();
     f.scheduler().settle();
     EXPECT_EQ(f.recorder->events(), (std::vector<std::string>{"didFail Zonewise 523", "didSync"}));
@@ -67,9 +86,17 @@ TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop)
     // A grant alone registers nothing; the next kit build does.
     f.location().deliverAuthorizationChange(3);
     EXPECT_TRUE(f.calls().empty());
+    console.clear();
     f.manager->sync();
     f.scheduler().settle();
     EXPECT_EQ(f.location().monitoredRegions().size(), 3u);
+    const std::string uuid = kBeaconUUID;
+    EXPECT_EQ(registrationLines(),
+              (std::vector<std::string>{"Zonewise[Debug] Monitoring Geofence Circle Car park",
+                                        "Zonewise[Debug] Start Monitoring For UUID " + uuid,
+                                        "Zonewise[Debug] Start Monitoring For UUID " + uuid,
+                                        "Zonewise[Debug] Start Ranging For UUID " + uuid,
+                                        "Zonewise[Debug] Start Ranging For UUID " + uuid}));
 
     // Stopping without authorization leaves the regions in place.
     f.location().setAuthorizationStatus(4);
@@ -90,10 +117,32 @@ TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop)
     caps.monitoringAvailable = true;
     f.location().setCapabilities(caps);
     f.location().setAuthorizationStatus(0);
+    std::string analytics = f.vp.documents.file("ZonewiseAnalytics.sqlite");
+    auto door = ManagerFixture::beaconRegion(1, 1, "door");
+    f.location().deliverEnter(door);
+    f.scheduler().settle();
+    ASSERT_EQ(queryRows(analytics, "select * from region_sessions").size(), 1u) << "logging";
     f.location().clearCalls();
+    console.clear();
     f.manager->stop();
-    EXPECT_EQ(f.calls().front(), "requestAlwaysAuthorization");
-    EXPECT_EQ(f.location().monitoredRegions().size(), 0u) << "stop clears every monitored region";
+    EXPECT_EQ(f.calls(),
+              (std::vector<std::string>{
+                  "requestAlwaysAuthorization", "stopMonitoringForRegion fence-1",
+                  "stopMonitoringForRegion door", "stopMonitoringForRegion store",
+                  "stopRangingBeaconsInRegion door", "stopRangingBeaconsInRegion store"}))
+        << "stop clears every monitored region, then every ranged one";
+    EXPECT_EQ(registrationLines(),
+              (std::vector<std::string>{"Zonewise[Info] Stopping monitoring for fence-1",
+                                        "Zonewise[Info] Stopping monitoring for door",
+                                        "Zonewise[Info] Stopping monitoring for store",
+                                        "Zonewise[Info] Stopping ranging for door",
+                                        "Zonewise[Info] Stopping ranging for store"}));
+    f.location().deliverExit(door);
+    f.location().deliverEnter(door);
+    f.scheduler().settle();
+    EXPECT_EQ(queryRows(analytics, "select * from region_sessions where exited_at is null").size(),
+              1u)
+        << "stopped: analytics logging no longer records";
 }
 
 TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEverythingFirst) {
@@ -227,6 +276,27 @@ TEST(QZWManagerLifecycle, MissingLocationUsageDeclarationStopsCreation) {
               platform::toXmlPropertyList({{"NSLocationWhenInUseUsageDescription", "x"}}));
     vp.platform->libraryBundle = platform::Bundle(lib.path());
     EXPECT_TRUE(QZWManager::manager(vp.platform));
+}
+
+TEST(QZWManagerLifecycle, MissingLocationUsageDeclarationRaisesBeforeTheConfigurationIsRead) {
+    // The shared configuration is made once per process, so the check runs in a fresh one where
+    // this creation is the first to ask for it.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ConsoleCapture console;
+            VirtualPlatform vp;  // neither usage key nor Zonewise.plist in its bundle
+            bool raised = false;
+            try {
+                QZWManager::manager(vp.platform);
+            } catch (const QZWException&) {
+                raised = true;
+            }
+            bool readConfig =
+                !console.withPrefix("Zonewise[Critical] ERROR: Missing Zonewise.plist").empty();
+            std::_Exit(raised && !readConfig ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(QZWManagerLifecycle, KitReplacedWhileTheHostThreadRangesAgainstIt) {

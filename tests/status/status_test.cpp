@@ -197,6 +197,18 @@ TEST(QTLEventTrackingQueue, RequestsWhileAPassWaitsCoalesceAndAFailedPassKeepsEv
     EXPECT_FALSE(q->lastSuccessfulUpload());
     EXPECT_EQ(q->db().beaconSessionsToBeUploaded().size(), 1u);
 
+    // A text without a scheme is still a URL (a relative reference): it cannot be reached, so the
+    // pass fails like any transport failure and nothing is stamped without an exchange.
+    console.clear();
+    auto relative = QTLEventTrackingQueue::initWithConfig(
+        vp.platform, config("status.example.com/sdk/v1/events"));
+    relative->uploadEvents();
+    vp.scheduler().settle();
+    EXPECT_FALSE(console.contains("No QTLStatusURL set, skipping upload"));
+    EXPECT_EQ(console.withPrefix("Failed uploading events: ").size(), 1u);
+    EXPECT_FALSE(relative->lastSuccessfulUpload());
+    EXPECT_EQ(relative->db().beaconSessionsToBeUploaded().size(), 1u);
+
     // A URL that does not parse: the pass says so, counts as a success and marks what was due.
     auto broken = QTLEventTrackingQueue::initWithConfig(vp.platform, config("not a url"));
     broken->uploadEvents();

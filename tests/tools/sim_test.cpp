@@ -332,6 +332,49 @@ TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
     EXPECT_NE(readable.out.find("Summary"), std::string::npos);
 }
 
+TEST(LurewaveSim, DeviceWithoutRangingFailsEveryRangingRequestAndIsNeverRanged) {
+    json steps = json::array({
+        {{"at", 0}, {"call", "start"}},
+        {{"at", 1},
+         {"walk",
+          {{"origin", {40.0, -75.0}},
+           {"beacons",
+            {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", {0, 0}}, {"measuredPower", -59}}}},
+           {"path", {{-30, 0, 0}, {0, 0, 30}, {30, 0, 60}}}}}},
+        {{"at", 2}, {"call", "sync"}},  // asks to range everything again while walking
+    });
+    json s = store(steps, {{"rangingAvailable", false}, {"secondListener", true}}, "proximity");
+    s["until"] = 100;
+    auto r = run(s.dump());
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    auto asked = r.where("location", "call", "startRangingBeaconsInRegion");
+    auto failed =
+        r.where("forwarded", "call", "locationManager:rangingBeaconsDidFailForRegion:withError:");
+    ASSERT_GE(asked.size(), 4u) << "both beacon regions, at the start and on the sync";
+    EXPECT_EQ(failed.size(), asked.size()) << "one failure for every request";
+    std::multiset<std::string> askedIds, failedIds;
+    for (const auto& l : asked) askedIds.insert(l["region"]["identifier"]);
+    for (const auto& l : failed) failedIds.insert(l["region"]["identifier"]);
+    EXPECT_EQ(failedIds, askedIds);
+    for (std::size_t i = 0; i < std::min(asked.size(), failed.size()); ++i)
+        EXPECT_EQ(failed[i]["t"], asked[i]["t"]) << "answered at once, without virtual time";
+
+    auto logged = std::count_if(r.trace.begin(), r.trace.end(), [](const json& l) {
+        return l["type"] == "log" &&
+               l["line"].get<std::string>().find(
+                   "Ranging Beacons Failed with Error: Error Domain=kCLErrorDomain Code=16 ") !=
+                   std::string::npos;
+    });
+    EXPECT_EQ(static_cast<std::size_t>(logged), asked.size());
+
+    EXPECT_FALSE(r.where("delegate", "name", "zonewise:didEnter:").empty())
+        << "beacon regions are still monitored";
+    EXPECT_TRUE(r.where("delegate", "name", "zonewise:didRangeBeacons:inRegion:").empty());
+    EXPECT_TRUE(r.where("notification", "name", "QZWManagerDidRangeBeaconsInRegion").empty());
+    EXPECT_TRUE(r.where("forwarded", "call", "locationManager:didRangeBeacons:inRegion:").empty());
+}
+
 TEST(LurewaveSim, MissingLocationUsageEndsWithTheException) {
     json s = store(json::array({{{"at", 0}, {"call", "start"}}}));
     s["bundle"].erase("Info.plist");

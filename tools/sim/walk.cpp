@@ -70,8 +70,8 @@ std::vector<quenby::platform::Beacon> Walk::heard(const BeaconRegion& region, do
         if (region.major() && *region.major() != t.major) continue;
         if (region.minor() && *region.minor() != t.minor) continue;
         using quenby::sensing::RadioModel;
-        double rssi = RadioModel::rssiAt(t.measuredPower, std::hypot(x - t.x, y - t.y)) +
-                      noise(rng_);
+        double rssi =
+            RadioModel::rssiAt(t.measuredPower, std::hypot(x - t.x, y - t.y)) + noise(rng_);
         if (rssi < RadioModel::kHearingDbm) continue;
         double accuracy = RadioModel::distanceFor(t.measuredPower, rssi);
         std::int64_t proximity = RadioModel::proximityFor(accuracy);
@@ -119,7 +119,11 @@ void Walk::tick() {
             location_->deliverExit(region);
         }
     }
-    for (const auto& region : location_->rangedRegions()) {
+    // A device without ranging hears its beacons only through region monitoring.
+    auto ranged = location_->capabilities().rangingAvailable
+                      ? location_->rangedRegions()
+                      : std::vector<std::shared_ptr<const BeaconRegion>>{};
+    for (const auto& region : ranged) {
         auto beacons = heard(*region, x, y);
         if (!beacons.empty()) location_->deliverRanging(region, beacons);
     }
