@@ -1,53 +1,71 @@
 #include "platform/archive.h"
 
+#include <vector>
+
 namespace quenby::platform {
 
 namespace {
 
-// Builds the value as the library's DOM reader does, refusing to go deeper than the limit before
-// the reader recurses into a container.
+// Builds the value from the reader's events, refusing to go deeper than the limit before the
+// reader recurses into a container (the library's own DOM reader has no limit).
 class DepthLimitedSax {
   public:
-    explicit DepthLimitedSax(Json& out) : dom_(out, false) {}
+    explicit DepthLimitedSax(Json& out) : root_(out) {}
 
-    bool null() { return dom_.null(); }
-    bool boolean(bool v) { return dom_.boolean(v); }
-    bool number_integer(Json::number_integer_t v) { return dom_.number_integer(v); }
-    bool number_unsigned(Json::number_unsigned_t v) { return dom_.number_unsigned(v); }
-    bool number_float(Json::number_float_t v, const std::string& s) {
-        return dom_.number_float(v, s);
+    bool null() { return put(nullptr) != nullptr; }
+    bool boolean(bool v) { return put(v) != nullptr; }
+    bool number_integer(Json::number_integer_t v) { return put(v) != nullptr; }
+    bool number_unsigned(Json::number_unsigned_t v) { return put(v) != nullptr; }
+    bool number_float(Json::number_float_t v, const std::string&) { return put(v) != nullptr; }
+    bool string(Json::string_t& v) { return put(std::move(v)) != nullptr; }
+    bool binary(Json::binary_t& v) { return put(Json(std::move(v))) != nullptr; }
+    bool start_object(std::size_t) { return open(Json::object()); }
+    bool key(Json::string_t& k) {
+        key_ = std::move(k);
+        return true;
     }
-    bool string(Json::string_t& v) { return dom_.string(v); }
-    bool binary(Json::binary_t& v) { return dom_.binary(v); }
-    bool start_object(std::size_t n) { return deeper() && dom_.start_object(n); }
-    bool key(Json::string_t& k) { return dom_.key(k); }
-    bool end_object() {
-        --depth_;
-        return dom_.end_object();
-    }
-    bool start_array(std::size_t n) { return deeper() && dom_.start_array(n); }
-    bool end_array() {
-        --depth_;
-        return dom_.end_array();
-    }
-    bool parse_error(std::size_t pos, const std::string& tok,
-                     const nlohmann::detail::exception& e) {
+    bool end_object() { return close(); }
+    bool start_array(std::size_t) { return open(Json::array()); }
+    bool end_array() { return close(); }
+    bool parse_error(std::size_t, const std::string&, const Json::exception& e) {
         error_ = e.what();
-        return dom_.parse_error(pos, tok, e);
+        return false;
     }
     bool tooDeep() const { return tooDeep_; }
     const std::string& error() const { return error_; }
 
   private:
-    bool deeper() {
-        if (++depth_ > kMaxJsonDepth) {
+    // Only the innermost open container grows, so the pointers to its ancestors stay valid.
+    Json* put(Json v) {
+        if (open_.empty()) {
+            root_ = std::move(v);
+            return &root_;
+        }
+        Json& parent = *open_.back();
+        if (parent.is_object()) {
+            Json& slot = parent[key_];
+            slot = std::move(v);
+            return &slot;
+        }
+        parent.push_back(std::move(v));
+        return &parent.back();
+    }
+    bool open(Json container) {
+        if (open_.size() >= static_cast<std::size_t>(kMaxJsonDepth)) {
             tooDeep_ = true;
             return false;
         }
+        open_.push_back(put(std::move(container)));
         return true;
     }
-    nlohmann::detail::json_sax_dom_parser<Json> dom_;
-    int depth_ = 0;
+    bool close() {
+        open_.pop_back();
+        return true;
+    }
+
+    Json& root_;
+    std::vector<Json*> open_;
+    Json::string_t key_;
     bool tooDeep_ = false;
     std::string error_;
 };
@@ -63,8 +81,7 @@ std::optional<Json> unarchiveJson(const Bytes& data, std::string* error) {
     DepthLimitedSax sax(out);
     bool ok = false;
     try {
-        ok = Json::sax_parse(data.begin(), data.end(), &sax, nlohmann::detail::input_format_t::cbor,
-                             true);
+        ok = Json::sax_parse(data.begin(), data.end(), &sax, Json::input_format_t::cbor, true);
     } catch (const Json::exception& e) {
         if (error) *error = e.what();
         return std::nullopt;

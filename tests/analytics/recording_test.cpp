@@ -189,4 +189,13 @@ TEST(Archive, DamagedOrHostileBlobsAreRefused) {
     EXPECT_FALSE(platform::unarchiveJson(deep, &why));
     EXPECT_EQ(why, "archive nested too deeply");
     EXPECT_EQ(platform::unarchiveJson(platform::archiveJson(Json::array())), Json::array());
+    platform::Bytes limit(512, 0x81);
+    limit.push_back(0x01);
+    EXPECT_TRUE(platform::unarchiveJson(limit)) << "as deep as allowed";
+    limit.insert(limit.begin(), 0x81);
+    EXPECT_FALSE(platform::unarchiveJson(limit)) << "one deeper";
+    Json rich = {{"a", {1, -2, 3.5, "x", nullptr, true, {{"b", Json::array({Json::object()})}}}},
+                 {"bin", Json::binary({1, 2, 3})},
+                 {"u", 18446744073709551615ull}};
+    EXPECT_EQ(platform::unarchiveJson(platform::archiveJson(rich)), rich);
 }
