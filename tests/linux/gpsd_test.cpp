@@ -96,6 +96,12 @@ class GpsdTest : public ::testing::Test {
             seconds);
     }
     // What the test saw so far, for failure messages.
+    ::testing::AssertionResult untilFirstTransition(quenby::testing::GpsFake& fake) {
+        if (until([&] { return !recorder->transitions.empty(); }))
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << seen() << "\n" << fake.process().output();
+    }
+
     std::string seen() const {
         std::string out =
             "locations " + std::to_string(recorder->locations.size()) + ", transitions [";
@@ -211,15 +217,15 @@ TEST_F(GpsdTest, NoLocationBeforeTheReceiverHasAFix) {
         log.push_back(quenby::testing::nmeaNoFix(kNoon + i));
     }
     for (const auto& s : standingAt(0, 10, kNoon + 10)) log.push_back(s);
+    // Replayed in a loop: lines gpsd misses at the start come round again, and gpsd stays up
+    // after the log, so any failure is the log's own doing.
     GpsFake::Options o;
-    o.repeat = true;  // lines gpsd misses at the start come round again
+    o.repeat = true;
     std::string why;
     auto fake = GpsFake::start(log, &why, o);
     if (!fake) GTEST_SKIP() << why;
     follow(fake->port());
-
-    ASSERT_TRUE(until([&] { return !recorder->transitions.empty(); })) << seen() << "\n"
-                                                                       << fake->process().output();
+    ASSERT_TRUE(untilFirstTransition(*fake));
     EXPECT_EQ(recorder->transitions, std::vector<std::string>{"enter shop"});
     for (const auto& l : recorder->locations) EXPECT_NEAR(l.latitude, kLat, 1e-6);
 }
@@ -229,15 +235,15 @@ TEST_F(GpsdTest, GarbageFromTheReceiverIsSurvived) {
     for (int i = 0; i < 3; ++i)
         for (const auto& g : quenby::testing::nmeaGarbage()) log.push_back(g);
     for (const auto& s : standingAt(0, 5, kNoon + 5)) log.push_back(s);
+    // Replayed in a loop: lines gpsd misses at the start come round again, and gpsd stays up
+    // after the log, so any failure is the log's own doing.
     GpsFake::Options o;
-    o.repeat = true;  // gpsd stays up after the log: any failure would be the garbage's doing
+    o.repeat = true;
     std::string why;
     auto fake = GpsFake::start(log, &why, o);
     if (!fake) GTEST_SKIP() << why;
     follow(fake->port());
-
-    ASSERT_TRUE(until([&] { return !recorder->transitions.empty(); })) << seen() << "\n"
-                                                                       << fake->process().output();
+    ASSERT_TRUE(untilFirstTransition(*fake));
     EXPECT_EQ(recorder->transitions, std::vector<std::string>{"enter shop"});
     EXPECT_TRUE(recorder->failures.empty());
     EXPECT_TRUE(logLines("").empty());

@@ -8,24 +8,18 @@
 
 #include <fmt/format.h>
 
-#include "campaigns/LWAppDelegate.h"
 #include "campaigns/LWCampaignAlertView.h"
 #include "campaigns/LWManager.h"
-#include "platform/console.h"
 #include "platform/plist.h"
 #include "proximity/QZWAnalyticsEvent.h"
 #include "proximity/QZWManager.h"
-#include "proximity/QZWNotifications.h"
 
 namespace sim {
 
-using quenby::platform::Application;
-using quenby::platform::ApplicationDelegate;
 using quenby::platform::Beacon;
 using quenby::platform::BeaconRegion;
 using quenby::platform::CircularRegion;
 using quenby::platform::Error;
-using quenby::platform::LocationManager;
 using quenby::platform::LocationService;
 using quenby::platform::Region;
 using quenby::platform::UUID;
