@@ -73,18 +73,11 @@ def scan(line, state):
     i, n = 0, len(line)
     raw = False
     while i < n:
-        if state and state[0] == "comment":
-            end = line.find("*/", i)
-            stop = n if end < 0 else end + 2
-            for k in range(i, stop):
-                code[k] = " "
-            i = stop
-            if end >= 0:
-                state = None
-            continue
-        if state and state[0] == "raw":
-            end = line.find(")" + state[1] + '"', i)
-            stop = n if end < 0 else end + len(state[1]) + 2
+        if state:
+            # Inside a block comment or a raw string: blank up to its closing mark.
+            close = "*/" if state[0] == "comment" else ")" + state[1] + '"'
+            end = line.find(close, i)
+            stop = n if end < 0 else end + len(close)
             for k in range(i, stop):
                 code[k] = " "
             i = stop
