@@ -83,6 +83,17 @@ void LocationManager::startRangingBeaconsInRegion(
         replaceByIdentifier(service_->ranged_, region);
     }
     service_->record("startRangingBeaconsInRegion", region);
+    // A device without ranging refuses every request, as the platform does; the call may come
+    // from a request thread, and callbacks belong on the host thread.
+    if (!service_->capabilities().rangingAvailable) {
+        std::weak_ptr<LocationService> weak = service_;
+        service_->scheduler_->postToMain([weak, region] {
+            if (auto service = weak.lock()) {
+                service->deliverRangingFailure(
+                    region, Error{"kCLErrorDomain", 16, "Ranging is unavailable on this device"});
+            }
+        });
+    }
 }
 
 void LocationManager::stopRangingBeaconsInRegion(

@@ -20,7 +20,6 @@ using quenby::platform::Beacon;
 using quenby::platform::BeaconRegion;
 using quenby::platform::CircularRegion;
 using quenby::platform::Error;
-using quenby::platform::LocationService;
 using quenby::platform::Region;
 using quenby::platform::UUID;
 
@@ -131,19 +130,6 @@ void Host::setUp() {
             auto walk = walk_;
             auto region = c.region;
             platform_->scheduler->postToMain([walk, region] { walk->answerStateRequest(region); });
-        }
-        // A device without ranging refuses every request the way the platform does; the call may
-        // come from a request thread, and callbacks belong on the host thread.
-        if (c.name == "startRangingBeaconsInRegion" &&
-            !platform_->location->capabilities().rangingAvailable) {
-            auto region = std::dynamic_pointer_cast<const BeaconRegion>(c.region);
-            std::weak_ptr<LocationService> weak = platform_->location;
-            platform_->scheduler->postToMain([weak, region] {
-                if (auto location = weak.lock())
-                    location->deliverRangingFailure(
-                        region,
-                        Error{"kCLErrorDomain", 16, "Ranging is unavailable on this device"});
-            });
         }
     });
     // The host shows every campaign it is told was found.
