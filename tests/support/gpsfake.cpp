@@ -142,14 +142,23 @@ std::unique_ptr<GpsFake> GpsFake::start(const std::vector<std::string>& nmeaLine
     char cycle[32];
     std::snprintf(cycle, sizeof cycle, "%g", options.cycle);
     argv.insert(argv.end(), {"-c", cycle, "-P", std::to_string(fake->port_), file});
-    fake->child_ = Child::spawn(argv);
-    if (!fake->child_) return fail("gpsfake cannot be started (is gpsd-clients installed?)");
-    int port = fake->port_;
-    Child& child = *fake->child_;
-    if (!waitFor([&] { return deviceListed(port) || !child.running(); }, 15.0) || !child.running())
-        return fail("gpsfake/gpsd did not come up on port " + std::to_string(port) + ": " +
-                    child.output());
-    return fake;
+    std::size_t portArg = argv.size() - 2;
+    // A port picked free can be taken by a parallel test before gpsd binds it: then gpsfake ends
+    // at once, and another free port is tried.
+    for (int attempt = 0;; ++attempt) {
+        fake->child_ = Child::spawn(argv);
+        if (!fake->child_) return fail("gpsfake cannot be started (is gpsd-clients installed?)");
+        int port = fake->port_;
+        Child& child = *fake->child_;
+        bool up = waitFor([&] { return deviceListed(port) || !child.running(); }, 15.0) &&
+                  child.running();
+        if (up) return fake;
+        if (options.port || attempt == 2 || child.running())
+            return fail("gpsfake/gpsd did not come up on port " + std::to_string(port) + ": " +
+                        child.output());
+        fake->port_ = freePort();
+        argv[portArg] = std::to_string(fake->port_);
+    }
 }
 
 GpsFake::~GpsFake() {
