@@ -290,17 +290,25 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
     EXPECT_EQ(tokens[1]["method"], "DELETE");
 }
 
-TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
-    json steps = json::array({
+namespace {
+
+// Start, a walk past the door beacon at `beaconAt` along `path` from second 1, a sync at 2.
+json startWalkSync(const json& beaconAt, const json& path) {
+    json beacon = {
+        {"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", beaconAt}, {"measuredPower", -59}};
+    return json::array({
         {{"at", 0}, {"call", "start"}},
         {{"at", 1},
-         {"walk",
-          {{"origin", {40.0, -75.0}},
-           {"beacons",
-            {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", {40, 0}}, {"measuredPower", -59}}}},
-           {"path", {{-60, 0, 0}, {40, 0.5, 60}, {90, 0, 100}}}}}},
-        {{"at", 2}, {"call", "sync"}},  // registers again: the walk answers the state request
+         {"walk", {{"origin", {40.0, -75.0}}, {"beacons", json::array({beacon})}, {"path", path}}}},
+        {{"at", 2}, {"call", "sync"}},
     });
+}
+
+}  // namespace
+
+TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
+    // The sync registers again while walking: the walk answers the state request.
+    json steps = startWalkSync({40, 0}, {{-60, 0, 0}, {40, 0.5, 60}, {90, 0, 100}});
     json s = store(steps, json::object(), "proximity");
     s["until"] = 200;
     TempDir docs;
@@ -333,16 +341,8 @@ TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
 }
 
 TEST(LurewaveSim, DeviceWithoutRangingFailsEveryRangingRequestAndIsNeverRanged) {
-    json steps = json::array({
-        {{"at", 0}, {"call", "start"}},
-        {{"at", 1},
-         {"walk",
-          {{"origin", {40.0, -75.0}},
-           {"beacons",
-            {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"at", {0, 0}}, {"measuredPower", -59}}}},
-           {"path", {{-30, 0, 0}, {0, 0, 30}, {30, 0, 60}}}}}},
-        {{"at", 2}, {"call", "sync"}},  // asks to range everything again while walking
-    });
+    // The sync asks to range everything again while walking.
+    json steps = startWalkSync({0, 0}, {{-30, 0, 0}, {0, 0, 30}, {30, 0, 60}});
     json s = store(steps, {{"rangingAvailable", false}, {"secondListener", true}}, "proximity");
     s["until"] = 100;
     auto r = run(s.dump());
