@@ -96,6 +96,17 @@ class GpsdTest : public ::testing::Test {
             seconds);
     }
     // What the test saw so far, for failure messages.
+    // Replays `log` in a loop and follows it: lines gpsd misses at the start come round again,
+    // and gpsd stays up after the log, so any failure is the log's own doing. Nothing (and
+    // `why`) when gpsfake cannot run here.
+    std::unique_ptr<GpsFake> followLoop(const std::vector<std::string>& log, std::string* why) {
+        GpsFake::Options o;
+        o.repeat = true;
+        auto fake = GpsFake::start(log, why, o);
+        if (fake) follow(fake->port());
+        return fake;
+    }
+
     ::testing::AssertionResult untilFirstTransition(quenby::testing::GpsFake& fake) {
         if (until([&] { return !recorder->transitions.empty(); }))
             return ::testing::AssertionSuccess();
@@ -217,14 +228,9 @@ TEST_F(GpsdTest, NoLocationBeforeTheReceiverHasAFix) {
         log.push_back(quenby::testing::nmeaNoFix(kNoon + i));
     }
     for (const auto& s : standingAt(0, 10, kNoon + 10)) log.push_back(s);
-    // Replayed in a loop: lines gpsd misses at the start come round again, and gpsd stays up
-    // after the log, so any failure is the log's own doing.
-    GpsFake::Options o;
-    o.repeat = true;
     std::string why;
-    auto fake = GpsFake::start(log, &why, o);
+    auto fake = followLoop(log, &why);
     if (!fake) GTEST_SKIP() << why;
-    follow(fake->port());
     ASSERT_TRUE(untilFirstTransition(*fake));
     EXPECT_EQ(recorder->transitions, std::vector<std::string>{"enter shop"});
     for (const auto& l : recorder->locations) EXPECT_NEAR(l.latitude, kLat, 1e-6);
@@ -235,14 +241,9 @@ TEST_F(GpsdTest, GarbageFromTheReceiverIsSurvived) {
     for (int i = 0; i < 3; ++i)
         for (const auto& g : quenby::testing::nmeaGarbage()) log.push_back(g);
     for (const auto& s : standingAt(0, 5, kNoon + 5)) log.push_back(s);
-    // Replayed in a loop: lines gpsd misses at the start come round again, and gpsd stays up
-    // after the log, so any failure is the log's own doing.
-    GpsFake::Options o;
-    o.repeat = true;
     std::string why;
-    auto fake = GpsFake::start(log, &why, o);
+    auto fake = followLoop(log, &why);
     if (!fake) GTEST_SKIP() << why;
-    follow(fake->port());
     ASSERT_TRUE(untilFirstTransition(*fake));
     EXPECT_EQ(recorder->transitions, std::vector<std::string>{"enter shop"});
     EXPECT_TRUE(recorder->failures.empty());
