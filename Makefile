@@ -21,9 +21,10 @@ test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
 # The bundled example: a shopper's walk through a store, on virtual time, with the operator's
-# server embedded. The map of the walk goes to $(BUILD)/shopper.svg.
+# server embedded. The map of the walk goes to $(BUILD)/shopper.svg, the run report (map, timeline,
+# campaigns, documents received) to $(BUILD)/shopper.html.
 demo: build
-	@$(BUILD)/bin/lurewave-sim run examples/shopper.json --svg $(BUILD)/shopper.svg
+	@$(BUILD)/bin/lurewave-sim run examples/shopper.json --svg $(BUILD)/shopper.svg --report $(BUILD)/shopper.html
 
 # AddressSanitizer + UndefinedBehaviorSanitizer over the whole suite.
 asan:

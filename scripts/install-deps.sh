@@ -11,6 +11,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libsdbus-c++-dev libsystemd-dev libgps-dev
   dbus-daemon python3-dbusmock python3-dbus gpsd gpsd-clients
+  chromium librsvg2-bin
 )
 
 missing=()

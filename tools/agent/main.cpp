@@ -34,7 +34,7 @@ using quenby::platform::Platform;
 struct Options {
     std::string bundle;
     std::optional<std::string> documents;
-    bool proximity = false, json = false, noBluetooth = false, noGps = false;
+    bool proximity = false, json = false, verbose = false, noBluetooth = false, noGps = false;
     std::string gpsd = "127.0.0.1:2947";
     std::optional<std::string> adapter;
     double exitTimeout = 10.0;
@@ -109,9 +109,14 @@ class Agent {
             scheduler_ = scheduler;
             if (stopRequested_) scheduler->postToMain([scheduler] { scheduler->stop(); });
         }
-        // A long-running host keeps no records: it only prints.
-        trace_ = std::make_unique<host::Trace>(scheduler, scheduler->now(), options_.json,
-                                               /*retain=*/false);
+        // A long-running host keeps no records: it only prints, and a beacon in range for hours
+        // still shows up once a minute.
+        trace_ = std::make_unique<host::Trace>(
+            scheduler, scheduler->now(),
+            options_.json      ? host::Trace::Form::Json
+            : options_.verbose ? host::Trace::Form::Verbose
+                               : host::Trace::Form::Timeline,
+            /*retain=*/false, /*maxFold=*/60.0);
         recorders_ = std::make_unique<host::Recorders>(*trace_, platform_);
         recorders_->setImplemented({"local"});
         // The host shows every campaign it is told was found.
@@ -231,6 +236,7 @@ int main(int argc, char** argv) {
                    "Documents directory (default $XDG_DATA_HOME/lurewave-agent)");
     app.add_flag("--proximity", o.proximity, "Run the proximity layer alone, without campaigns");
     app.add_flag("--json", o.json, "Print the trace as JSON Lines");
+    app.add_flag("--verbose", o.verbose, "Print every ranging report and document in full");
     app.add_option("--gpsd", o.gpsd, "gpsd address (default 127.0.0.1:2947)");
     app.add_option("--adapter", adapter, "Bluetooth adapter (default: the first powered one)");
     app.add_flag("--no-bluetooth", o.noBluetooth, "Do not scan for beacons");

@@ -8,12 +8,24 @@ using quenby::platform::Date;
 
 namespace host {
 
-Trace::Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, Date start, bool json,
-             bool retain)
-    : scheduler_(std::move(scheduler)), start_(start), json_(json), retain_(retain) {}
+Trace::Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, Date start, Form form,
+             bool retain, double maxFold)
+    : scheduler_(std::move(scheduler)),
+      start_(start),
+      form_(form),
+      retain_(retain),
+      timeline_(form == Form::Timeline,
+                [form](const TimelineEntry& e) { print(Timeline::format(e, form == Form::Verbose)); },
+                /*live=*/!retain, maxFold) {}
 
 double Trace::now() const {
     return scheduler_->now().timeIntervalSince(start_);
+}
+
+void Trace::print(const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
 }
 
 void Trace::add(const std::string& type, const OrderedJson& fields) {
@@ -23,87 +35,31 @@ void Trace::add(const std::string& type, const OrderedJson& fields) {
     for (const auto& [k, v] : fields.items()) r[k] = v;
     std::lock_guard lk(mu_);
     if (retain_) records_.push_back(r);
-    std::string line =
-        json_ ? r.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : readable(r);
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    if (form_ == Form::Json)
+        print(r.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    else
+        timeline_.add(r);
 }
 
 void Trace::note(const std::string& text) {
-    if (json_) return;
+    if (form_ == Form::Json) return;
     std::lock_guard lk(mu_);
-    std::printf("%s\n", text.c_str());
-    std::fflush(stdout);
+    timeline_.flush();
+    print(text);
+}
+
+void Trace::flush() {
+    std::lock_guard lk(mu_);
+    timeline_.flush();
 }
 
 std::vector<OrderedJson> Trace::records(const std::string& type) const {
     std::lock_guard lk(mu_);
     std::vector<OrderedJson> out;
     for (const auto& r : records_) {
-        if (r["type"] == type) out.push_back(r);
+        if (type.empty() || r["type"] == type) out.push_back(r);
     }
     return out;
-}
-
-namespace {
-std::string compact(const OrderedJson& v) {
-    return v.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
-std::string regionName(const OrderedJson& r) {
-    if (!r.is_object()) return "-";
-    std::string s = r.value("identifier", std::string());
-    if (r.contains("name")) s += " \"" + r["name"].get<std::string>() + "\"";
-    if (r.contains("accuracy")) s += fmt::format(" {:.2f} m", r["accuracy"].get<double>());
-    return s.empty() ? r.value("class", std::string("?")) : s;
-}
-}  // namespace
-
-std::string Trace::readable(const OrderedJson& r) const {
-    std::string type = r["type"];
-    std::string head = fmt::format("{:>10.3f}s  {:<12} ", r["t"].get<double>(), type);
-    if (type == "delegate") {
-        std::string s = head + r["name"].get<std::string>();
-        if (r.contains("region")) s += " " + regionName(r["region"]);
-        if (r.contains("beacons")) {
-            s += " [";
-            for (const auto& b : r["beacons"]) s += " " + regionName(b);
-            s += " ]";
-        }
-        if (r.contains("state")) s += " state " + compact(r["state"]);
-        if (r.contains("place")) s += " place " + compact(r["place"]);
-        if (r.contains("event")) s += " event " + compact(r["event"]);
-        if (r.contains("campaign")) s += " " + compact(r["campaign"]);
-        if (r.contains("error")) s += " " + compact(r["error"]);
-        return s;
-    }
-    if (type == "notification") {
-        std::string s = head + r["name"].get<std::string>();
-        const auto& info = r["userInfo"];
-        if (info.contains("QZWRegion")) s += " " + regionName(info["QZWRegion"]);
-        if (info.contains("QZWAnalyticsEventDetails"))
-            s += " " + compact(info["QZWAnalyticsEventDetails"]);
-        return s;
-    }
-    if (type == "log") return head + r["line"].get<std::string>();
-    if (type == "location") {
-        return head + r["call"].get<std::string>() +
-               (r.contains("region") ? " " + regionName(r["region"]) : "");
-    }
-    if (type == "server") {
-        std::string s = head + r["method"].get<std::string>() + " " + r["path"].get<std::string>();
-        std::string body = r["body"];
-        if (!body.empty()) {
-            auto parsed = nlohmann::json::parse(body, nullptr, false);
-            s += "\n" + (parsed.is_discarded() ? body : parsed.dump(2));
-        }
-        return s;
-    }
-    OrderedJson rest = r;
-    rest.erase("t");
-    rest.erase("type");
-    return head + compact(rest);
 }
 
 OrderedJson regionJson(const QZWRegion& r) {

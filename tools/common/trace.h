@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "campaigns/LWCampaign.h"
+#include "common/timeline.h"
 #include "platform/location.h"
 #include "platform/scheduler.h"
 #include "platform/types.h"
@@ -24,26 +25,33 @@ using OrderedJson = nlohmann::ordered_json;
 
 class Trace {
   public:
-    // `retain`: keep every record for records() (a run of bounded length); a long-running host
-    // only prints.
+    enum class Form { Json, Timeline, Verbose };
+    // `retain`: keep every record for records() (a run of bounded length). A long-running host
+    // keeps none: it prints each event as it comes and closes a folded ranging line at least
+    // every `maxFold` seconds.
     Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, quenby::platform::Date start,
-          bool json, bool retain = true);
+          Form form, bool retain = true,
+          double maxFold = std::numeric_limits<double>::infinity());
 
     // Adds one record: {"t", "type", …fields}. Thread-safe; printed at once.
     void add(const std::string& type, const OrderedJson& fields);
     // A line of the readable timeline only (the document's location, a summary).
     void note(const std::string& text);
-    // Records of one type, for the SVG and for summaries.
-    std::vector<OrderedJson> records(const std::string& type) const;
+    // Prints a ranging run still being folded (at the end of a run).
+    void flush();
+    // Records of one type ("" for all), for the map, the report and summaries.
+    std::vector<OrderedJson> records(const std::string& type = "") const;
     double now() const;
 
   private:
-    std::string readable(const OrderedJson& r) const;
+    static void print(const std::string& line);
 
     std::shared_ptr<quenby::platform::Scheduler> scheduler_;
     quenby::platform::Date start_;
-    bool json_, retain_;
+    Form form_;
+    bool retain_;
     mutable std::mutex mu_;
+    Timeline timeline_;  // guarded by mu_
     std::vector<OrderedJson> records_;  // guarded by mu_
 };
 

@@ -11,6 +11,7 @@
 #include "campaigns/LWCampaignAlertView.h"
 #include "campaigns/LWManager.h"
 #include "platform/plist.h"
+#include "sim/report.h"
 #include "proximity/QZWAnalyticsEvent.h"
 #include "proximity/QZWManager.h"
 
@@ -81,7 +82,9 @@ void Host::setUp() {
     platform_ = quenby::platform::Platform::create(std::move(o));
     trace_ = std::make_unique<Trace>(platform_->scheduler,
                                      quenby::platform::Date::fromSecondsSince1970(scenario_.start),
-                                     options_.json);
+                                     options_.json      ? Trace::Form::Json
+                                     : options_.verbose ? Trace::Form::Verbose
+                                                        : Trace::Form::Timeline);
     trace_->note("documents: " + documents_);
 
     // The embedded server first: its address goes into every "{server}" of the scenario.
@@ -135,11 +138,6 @@ void Host::setUp() {
     // The host shows every campaign it is told was found.
     recorders_->setFindHook([this](const std::shared_ptr<LWCampaign>& c) {
         platform_->application->presentLocalNotificationNow(c->buildLocalNotification());
-        if (walk_) {
-            auto [x, y] = walk_->positionAt(platform_->scheduler->now().timeIntervalSince1970() -
-                                            walk_->startedAt());
-            finds_.push_back({{"campaign", c->id()}, {"x", x}, {"y", y}});
-        }
     });
 }
 
@@ -174,9 +172,10 @@ int Host::run() {
     scheduler.advanceTo(
         quenby::platform::Date::fromSecondsSince1970(scenario_.start + scenario_.until));
     scheduler.settle();
-    if (options_.svg) writeSvg(*options_.svg);
+    trace_->flush();
     summarize();
-    return 0;
+    writeOutputs();
+    return failed_ ? 4 : 0;
 }
 
 void Host::summarize() const {
@@ -194,8 +193,9 @@ void Host::summarize() const {
     for (const auto& r : trace_->records("server")) {
         received[r["method"].get<std::string>() + " " + r["path"].get<std::string>()]++;
     }
-    for (const auto& [what, n] : received)
-        trace_->note(fmt::format("  server received {} x{}", what, n));
+    std::string line;
+    for (const auto& [what, n] : received) line += fmt::format("{}{} x{}", line.empty() ? "" : ", ", what, n);
+    if (!line.empty()) trace_->note("  server received " + line);
     trace_->note("  documents directory: " + documents_);
 }
 
@@ -343,63 +343,65 @@ void Host::call(const Json& a) {
     }
 }
 
-void Host::writeSvg(const std::string& path) const {
-    if (!walk_) return;
-    // Everything to draw, in metres east and north of the walk's origin.
-    struct Circle {
-        double x, y, r;
-        std::string id;
-    };
-    std::vector<Circle> fences;
-    if (auto z = proximity(); z && z->kit() && z->kit()->map()) {
-        for (const auto& c : z->kit()->map()->overlays()) {
+MapScene Host::mapScene() const {
+    MapScene scene;
+    // Walk times count from the walk's start; the trace's from the run's.
+    double offset = walk_->startedAt() - scenario_.start;
+    std::shared_ptr<const QZWKit> kit;
+    if (auto z = proximity()) kit = z->kit();
+    if (kit && kit->map()) {
+        for (const auto& c : kit->map()->overlays()) {
             auto [x, y] = walk_->toLocal(c->latitude(), c->longitude());
-            fences.push_back({x, y, c->radius(), c->identifier().value_or("")});
+            scene.fences.push_back({x, y, c->radius(), c->name().value_or(c->identifier().value_or("?"))});
         }
     }
-    double minX = 0, maxX = 0, minY = 0, maxY = 0;
-    auto extend = [&](double x, double y, double r = 0) {
-        minX = std::min(minX, x - r);
-        maxX = std::max(maxX, x + r);
-        minY = std::min(minY, y - r);
-        maxY = std::max(maxY, y + r);
-    };
-    for (const auto& p : walk_->path()) extend(p.x, p.y);
-    for (const auto& b : walk_->beacons()) extend(b.x, b.y);
-    for (const auto& f : fences) extend(f.x, f.y, f.r);
-    double margin = 5, w = maxX - minX + 2 * margin, h = maxY - minY + 2 * margin;
-    double scale = 800.0 / std::max(w, h);
-    auto X = [&](double x) { return (x - minX + margin) * scale; };
-    auto Y = [&](double y) { return (maxY - y + margin) * scale; };  // north up
-    std::ofstream out(path);
-    out << fmt::format(
-        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{:.0f}\" height=\"{:.0f}\">\n",
-        w * scale, h * scale);
-    out << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
-    for (const auto& f : fences) {
-        out << fmt::format(
-            "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"{:.1f}\" fill=\"#dbeafe\" stroke=\"#2563eb\"/>"
-            "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\">{}</text>\n",
-            X(f.x), Y(f.y), f.r * scale, X(f.x), Y(f.y), f.id);
-    }
-    out << "<polyline fill=\"none\" stroke=\"#111\" stroke-width=\"2\" points=\"";
-    for (const auto& p : walk_->path()) out << fmt::format("{:.1f},{:.1f} ", X(p.x), Y(p.y));
-    out << "\"/>\n";
     for (const auto& b : walk_->beacons()) {
-        out << fmt::format(
-            "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"5\" fill=\"#f59e0b\"/>"
-            "<text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"11\">{}/{}</text>\n",
-            X(b.x), Y(b.y), X(b.x) + 7, Y(b.y) - 7, b.major, b.minor);
+        std::string label = fmt::format("{}/{}", b.major, b.minor);
+        // The kit's name for the beacon, where the kit has one.
+        for (const auto& r : kit ? kit->beaconRegions() : decltype(kit->beaconRegions()){}) {
+            auto j = regionJson(*r);
+            if (j.value("uuid", "") == b.uuid.uuidString() && j.value("major", -1) == b.major &&
+                j.value("minor", -1) == b.minor) {
+                label = r->name().value_or(r->identifier().value_or(label));
+                break;
+            }
+        }
+        scene.beacons.push_back({b.x, b.y, label});
     }
-    for (const auto& f : finds_) {
-        double x = f["x"], y = f["y"];
-        out << fmt::format(
-            "<circle cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"7\" fill=\"none\" stroke=\"#dc2626\" "
-            "stroke-width=\"3\"/><text x=\"{:.1f}\" y=\"{:.1f}\" font-size=\"12\" "
-            "fill=\"#dc2626\">found {}</text>\n",
-            X(x), Y(y), X(x) + 9, Y(y) + 14, f["campaign"].get<std::string>());
+    for (const auto& p : walk_->path()) scene.path.push_back({p.x, p.y, p.t + offset});
+    scene.markers = eventMarkers(trace_->records(), [&](double t) { return walk_->positionAt(t - offset); });
+    return scene;
+}
+
+void Host::writeOutputs() {
+    auto save = [this](const std::string& path, const std::string& text, const char* what) {
+        std::ofstream out(path, std::ios::binary);
+        out << text;
+        out.close();
+        if (!out) {
+            std::fprintf(stderr, "lurewave-sim: cannot write %s\n", path.c_str());
+            failed_ = true;
+            return;
+        }
+        trace_->note(fmt::format("  {}: {}", what, path));
+    };
+    if (options_.svg) {
+        if (walk_) {
+            save(*options_.svg, renderMap(mapScene()), "map");
+        } else {
+            trace_->note("  map: none, the scenario has no walk");
+        }
     }
-    out << "</svg>\n";
+    if (options_.report) {
+        RunReport report;
+        report.scenario = options_.name.empty() ? "scenario" : options_.name;
+        report.started = quenby::platform::formatUTC(
+            quenby::platform::Date::fromSecondsSince1970(scenario_.start), false);
+        report.duration = scenario_.until;
+        report.records = trace_->records();
+        if (walk_) report.map = mapScene();
+        save(*options_.report, renderReport(report), "report");
+    }
 }
 
 }  // namespace sim

@@ -11,6 +11,7 @@
 #include "common/trace.h"
 #include "platform/platform.h"
 #include "sim/scenario.h"
+#include "sim/map.h"
 #include "sim/server.h"
 #include "sim/walk.h"
 
@@ -31,15 +32,19 @@ using host::Trace;
 
 struct RunOptions {
     bool json = false;
+    bool verbose = false;  // every ranging report and document in full
+    std::string name;      // the scenario as the user named it, for the report
     std::optional<std::string> documents;
     std::optional<std::string> svg;
+    std::optional<std::string> report;  // a self-contained HTML page of the run
 };
 
 class Host {
   public:
     Host(Scenario scenario, RunOptions options);
     ~Host();
-    // Runs the scenario; answers the exit status (0, or 3 when creating the manager raised).
+    // Runs the scenario; answers the exit status (0; 3 when creating the manager raised; 4 when
+    // the map or the report could not be written).
     int run();
 
   private:
@@ -50,7 +55,9 @@ class Host {
     std::shared_ptr<const quenby::platform::Region> region(const Json& r) const;
     std::shared_ptr<QZWManager> proximity() const;
     void result(const std::string& call, const OrderedJson& value);
-    void writeSvg(const std::string& path) const;
+    MapScene mapScene() const;
+    // The map and the report, each named on the timeline once written.
+    void writeOutputs();
     // The readable timeline's last lines: the campaigns found and what the server received.
     void summarize() const;
 
@@ -63,7 +70,7 @@ class Host {
     std::unique_ptr<host::Recorders> recorders_;
     host::Managers managers_;
     std::shared_ptr<Walk> walk_;
-    std::vector<Json> finds_;  // where each campaign was found, for the map
+    bool failed_ = false;  // an output file could not be written
 };
 
 }  // namespace sim

@@ -87,11 +87,13 @@ int main(int argc, char** argv) {
     auto* run = app.add_subcommand("run", "Run a scenario on virtual time");
     std::string scenario;
     sim::RunOptions options;
-    std::string documents, svg;
+    std::string documents, svg, report;
     run->add_option("scenario", scenario, "Scenario JSON file")->required();
     run->add_flag("--json", options.json, "Print the trace as JSON Lines");
     run->add_option("--documents", documents, "Documents directory (created if missing)");
+    run->add_flag("--verbose", options.verbose, "Print every ranging report and document in full");
     run->add_option("--svg", svg, "Draw the walk's map to this SVG file");
+    run->add_option("--report", report, "Write a self-contained HTML report of the run to this file");
 
     auto* serve = app.add_subcommand("serve", "Serve a kit and a campaign feed on 127.0.0.1");
     std::string kit, feed;
@@ -108,6 +110,8 @@ int main(int argc, char** argv) {
     if (*run) {
         if (!documents.empty()) options.documents = documents;
         if (!svg.empty()) options.svg = svg;
+        if (!report.empty()) options.report = report;
+        options.name = scenario;
         return runCommand(scenario, options);
     }
     return serveCommand(kit, feed, port);
