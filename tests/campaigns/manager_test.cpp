@@ -34,6 +34,9 @@ TEST(LWManagerWalk, FoundAtItsTriggerDistanceViewedFulfilledRecordedUploadedAndR
         << "ended on the find";
     EXPECT_EQ(f.manager->foundCampaigns(), (std::vector<std::shared_ptr<LWCampaign>>{c1}));
     EXPECT_EQ(c1->foundAt()->id(), 7);
+    f.location().deliverRanging(CampaignFixture::region(2, "checkout"),
+                                {CampaignFixture::beacon(2, 1.0)});
+    EXPECT_FALSE(c1->fulfilled()) << "not before the user has viewed it";
 
     // Viewed by the user, then fulfilled at the checkout; a second find waits for the recurrence.
     f.vp.scheduler().performPass([&] { f.manager->setCampaignViewed(c1); });
@@ -181,9 +184,23 @@ TEST(LWManagerPush, TokenWaitsForTheTokenUrlIsRetriedAfterAFailureAndIsSentOnce)
     for (const auto& [k, v] : probe.headers) order.push_back(k);
     EXPECT_EQ(order, (std::vector<std::string>{"AUTHORIZATION", "X-LW-FrameworkVersion",
                                                "X-LW-AppID", "Content-Type"}));
+    EXPECT_STREQ(reinterpret_cast<const char*>(LurewaveVersionString),
+                 "@(#)PROGRAM:Lurewave  PROJECT:Lurewave-0.2.1\n");
     f.manager->registerDeviceToken(token);
     f.vp.scheduler().settle();
     EXPECT_EQ(f.requests("/tokens"), 2u);
+
+    // Transport failures reach the completion as they are; no URL at all is curl's own error.
+    std::vector<platform::Error> errors;
+    LWAPIRequest api(f.vp.platform, "lw-token");
+    auto keep = [&](std::optional<platform::Error> e, std::optional<Json>) { errors.push_back(*e); };
+    api.getHandler("http://127.0.0.1:" + std::to_string(refusedPort()) + "/x", keep);
+    f.vp.scheduler().settle();
+    api.getHandler(std::nullopt, keep);
+    f.vp.scheduler().settle();
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0].domain + " " + std::to_string(errors[0].code), "curl 7");
+    EXPECT_EQ(errors[1].domain + " " + std::to_string(errors[1].code), "curl 3");
 
     // A failed DELETE forgets the token all the same.
     f.server.on("DELETE", "/tokens", Reply{200, ""});
@@ -213,6 +230,10 @@ TEST(LWManagerPush, RemoteNotificationsSyncWithinSixHoursOfAPlaceAndNotAfter) {
     f.vp.scheduler().advanceBy(5);
     running = f.vp.platform->application->runningBackgroundTasks();
     EXPECT_EQ(std::find(running.begin(), running.end(), ""), running.end()) << "ended after 5 s";
+    f.manager->handleRemoteNotificationFetchCompletionHandler({}, handler);
+    f.vp.platform->application->expireBackgroundTask("");
+    running = f.vp.platform->application->runningBackgroundTasks();
+    EXPECT_EQ(std::find(running.begin(), running.end(), ""), running.end()) << "ended on expiry";
 
     // Exactly six hours after the last detection is outside the window; exits and the outside
     // and unknown states are place events but no detections.

@@ -236,6 +236,10 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
     EXPECT_EQ(old->content()->body(), "<p>old body</p>");
     EXPECT_EQ(old->content()->alertTitle(), "old title");
     EXPECT_EQ(old->content()->alertMessage(), "old message");
+    legacy.erase("message");
+    legacy.erase("title");
+    old = LWCampaign::fromArchive(vp.platform, legacy);
+    EXPECT_EQ(old->content()->alertTitle() + old->content()->alertMessage(), "(null)(null)");
     EXPECT_FALSE(LWCampaign::fromArchive(vp.platform, Json::array()));
     EXPECT_FALSE(LWCampaign::fromArchive(vp.platform, {{"id", 1}}));
 

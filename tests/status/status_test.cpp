@@ -68,6 +68,16 @@ TEST(QTLStatusDatabase, SightingsInsertThenMoveTheLastSeenAndAStampedRowIsNeverD
               "2014-11-15T02:27:36.789Z");
     auto memory = QTLStatusDatabase::initWithInMemoryDatabase(*vp.platform);
     EXPECT_FALSE(memory->sessionForBeacon(b(1, 2))) << "the in-memory store starts empty";
+
+    // The debugging dump: the query, the column names, one line a row, newest first.
+    testing::internal::CaptureStdout();
+    again.dumpDatabaseToConsole();
+    std::string dump = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(dump.substr(0, dump.find("\n| 2 | ")),
+              "select * from beacon_sessions order by id desc\n| id | first_detected_at | "
+              "last_detected_at | beacon_major | beacon_minor | beacon_uuid | uuid | uploaded_at | "
+              " | ");
+    EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 4);
 }
 
 TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
@@ -83,11 +93,10 @@ TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
     EXPECT_FALSE(up.sendEvents(db.beaconSessionsToBeUploaded())) << "any status is a success";
     auto got = server.requests();
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(
-        Json::parse(got[0].body),
-        Json({{"beacon_status_events",
-               {{{"uuid", kU}, {"major", 1}, {"minor", 2}, {"last_seen", "2026-03-01T09:00:00Z"}}}},
-              {"app_id", kTestVendorId}}));
+    EXPECT_EQ(got[0].body, std::string("{\"app_id\":\"") + kTestVendorId +
+                               "\",\"beacon_status_events\":[{\"last_seen\":\"2026-03-01T09:00:00Z\","
+                               "\"major\":1,\"minor\":2,\"uuid\":\"" + kU + "\"}]}")
+        << "compact, keys in order";
     EXPECT_EQ(got[0].header("AUTHORIZATION"), "Token token=\"st\"");
     EXPECT_EQ(got[0].header("X-TL-AppID"), kTestVendorId);
     EXPECT_EQ(got[0].header("X-TL-FrameworkVersion"), "1");
@@ -109,6 +118,15 @@ TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
         vp.platform,
         platform::Url::parse("http://127.0.0.1:" + std::to_string(refusedPort()) + "/x"), "st");
     EXPECT_TRUE(down.sendEvents(db.beaconSessionsToBeUploaded()));
+
+    // The asynchronous form sends the same document (twice, as every asynchronous request).
+    std::optional<Json> answer;
+    up.asyncSendEvents(db.beaconSessionsToBeUploaded(),
+                       [&](std::optional<platform::Error>, std::optional<Json> j) { answer = j; });
+    vp.scheduler().settle();
+    ASSERT_EQ(server.requests().size(), 4u);
+    EXPECT_EQ(server.requests().back().body, got[0].body);
+    EXPECT_EQ(answer, Json({{"error", 1}}));
 }
 
 TEST(QTLAPIRequest, AsynchronousRequestsGoTwiceAndKeepAnAtomicCopyOfTheAnswer) {
@@ -137,6 +155,14 @@ TEST(QTLAPIRequest, AsynchronousRequestsGoTwiceAndKeepAnAtomicCopyOfTheAnswer) {
     EXPECT_EQ(server.requests().size(), 4u);
     EXPECT_EQ(err, (platform::Error{"Tallyline", 204, "No Data"}));
     EXPECT_EQ(got, Json({{"ok", true}})) << "the cached copy stands in";
+
+    // A relative reference reaches no server: the transport's error, at once.
+    got.reset();
+    api.post(platform::Url::parseReference("status.example.com/sdk/v1/events"), "{}", handler);
+    vp.scheduler().settle();
+    EXPECT_EQ(server.requests().size(), 4u);
+    EXPECT_EQ(err, (platform::Error{"curl", 3, "URL using bad/illegal format or missing URL"}));
+    EXPECT_FALSE(got) << "nothing was ever answered from there";
 }
 
 TEST(QTLStatusManager, WatchdogUploadsWhenStrictlyMoreThanTheThresholdHasPassed) {
@@ -160,9 +186,27 @@ TEST(QTLStatusManager, WatchdogUploadsWhenStrictlyMoreThanTheThresholdHasPassed)
     EXPECT_EQ(Json::parse(got[0].body)["beacon_status_events"][0]["last_seen"],
               "2026-03-01T09:00:10Z");
     EXPECT_EQ(m->eventTracker().lastSuccessfulUpload()->timeIntervalSince1970(), kTestStart + 60);
+    EXPECT_EQ(got[0].header("AUTHORIZATION"), "Token token=\"st\"") << "the configuration's token";
     EXPECT_EQ(
         queryRows(dbPath(vp), "select * from beacon_sessions where uploaded_at is null").size(),
         0u);
+
+    // A sighting once the threshold has passed uploads at once, not at the next tick.
+    vp.scheduler().advanceBy(45);
+    m->rangedBeacon(b(1, 3));
+    vp.scheduler().settle();
+    ASSERT_EQ(server.requestsTo("/events").size(), 2u);
+    EXPECT_EQ(m->eventTracker().lastSuccessfulUpload()->timeIntervalSince1970(), kTestStart + 105);
+
+    // Stopped, the ticks upload nothing; started again, they do.
+    m->stopTimedUpload();
+    vp.scheduler().advanceBy(1);
+    QTLStatusDatabase(*vp.platform).rangedBeacon(b(1, 4));
+    vp.scheduler().advanceBy(300);
+    EXPECT_EQ(server.requestsTo("/events").size(), 2u);
+    m->startUploadWatchdog();
+    vp.scheduler().settle();
+    EXPECT_EQ(server.requestsTo("/events").size(), 3u);
 
     // Once the manager is gone its ticks do nothing.
     std::weak_ptr<QTLStatusManager> weak = m;
@@ -205,7 +249,8 @@ TEST(QTLEventTrackingQueue, RequestsWhileAPassWaitsCoalesceAndAFailedPassKeepsEv
     relative->uploadEvents();
     vp.scheduler().settle();
     EXPECT_FALSE(console.contains("No QTLStatusURL set, skipping upload"));
-    EXPECT_EQ(console.withPrefix("Failed uploading events: ").size(), 1u);
+    EXPECT_TRUE(console.contains("Failed uploading events: Error Domain=curl Code=3 \"URL using "
+                                 "bad/illegal format or missing URL\""));
     EXPECT_FALSE(relative->lastSuccessfulUpload());
     EXPECT_EQ(relative->db().beaconSessionsToBeUploaded().size(), 1u);
 
