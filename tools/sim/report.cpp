@@ -123,7 +123,8 @@ svg.map { display: block; width: 100%; height: auto; }
 .story { border-left: 4px solid var(--accent); padding-left: 12px; margin-bottom: 12px; }
 .story ol { margin: 0; padding-left: 20px; }
 .scroll { overflow-x: auto; }
-table { border-collapse: collapse; width: 100%; font-size: 0.9rem; }
+table { border-collapse: collapse; width: 100%; font-size: 0.9rem; table-layout: fixed; }
+col.t { width: 5.5em; } col.kind { width: 7.5em; }
 th, td { text-align: left; padding: 4px 8px; border-bottom: 1px solid var(--line); vertical-align: top; }
 td.what { overflow-wrap: anywhere; }
 td.t, .t { font-variant-numeric: tabular-nums; white-space: nowrap; color: var(--muted); }
@@ -137,7 +138,9 @@ pre { margin: 0; padding: 10px; background: #f8fafc; border-top: 1px solid var(-
 @media (max-width: 600px) {
   main { padding: 8px; }
   header, section { padding: 12px; }
-  th.kind, td.kind { display: none; }
+  col.kind, th.kind, td.kind { display: none; }
+  /* The map keeps a size its labels can be read at, and pans sideways. */
+  svg.map { min-width: 640px; }
 }
 )";
 
@@ -198,7 +201,7 @@ std::string renderReport(const RunReport& report) {
     out += "</ul>\n</header>\n";
 
     out += "<section id=\"map\">\n<h2>Map</h2>\n";
-    out += report.map ? renderMap(*report.map, true)
+    out += report.map ? "<div class=\"scroll\">\n" + renderMap(*report.map, true) + "</div>\n"
                       : "<p class=\"empty\">This scenario has no walk, so there is no map: the "
                         "timeline below tells the whole run.</p>\n";
     out += "</section>\n";
@@ -214,6 +217,7 @@ std::string renderReport(const RunReport& report) {
     out += "</section>\n";
 
     out += "<section id=\"timeline\">\n<h2>Timeline</h2>\n<div class=\"scroll\">\n<table>\n"
+           "<colgroup><col class=\"t\"><col class=\"kind\"><col></colgroup>\n"
            "<thead><tr><th>time</th><th class=\"kind\">kind</th><th>what happened</th></tr>"
            "</thead>\n<tbody>\n";
     for (const TimelineEntry& e : Timeline::of(records)) {
