@@ -6,6 +6,8 @@
 #include <regex>
 #include <sstream>
 
+#include <fmt/format.h>
+
 #include "common/timeline.h"
 #include "support/test_support.h"
 
@@ -103,6 +105,11 @@ TEST(Timeline, FoldsEachRegionsRangingWhereItBeganUntilTheRegionGoesQuiet) {
     EXPECT_EQ(out.size(), records.size());
     EXPECT_EQ(out[0], "    10.000s  delegate     lurewave:didDetectPlace:onEvent: place "
                       "{\"id\":1,\"name\":\"Front door\",\"type\":0} event 0");
+    verbose.add({{"t", 40}, {"type", "delegate"}, {"name", "zonewise:didRangeBeacons:inRegion:"},
+                 {"beacons", {{{"identifier", "door"}, {"accuracy", 1.25}}}},
+                 {"region", {{"identifier", "door"}, {"name", "Front door"}}}});
+    EXPECT_EQ(out.back(), "    40.000s  delegate     zonewise:didRangeBeacons:inRegion: door "
+                          "\"Front door\" [ door 1.25 m ]");
 
     // A live host prints each event as it comes: the fold before it closes first, and a fold
     // never outlasts its span.
@@ -203,6 +210,11 @@ TEST(LurewaveSim, BundledExampleTellsItsStoryInAShortTimelineAMapAndAReport) {
     EXPECT_NE(page.find("fulfilled at Checkout (place 3)</li>"), std::string::npos);
     EXPECT_EQ(count(page, "<details>"), posts);
     EXPECT_EQ(count(page, "<tr class="), text.size() - 8) << "the timeline's lines, no summary";
+    EXPECT_NE(page.find("<td class=\"what\">GET /kit</td>"), std::string::npos) << "unfolded";
+    for (auto [n, what] : {std::pair{inTrace["QZWManagerDidRangeBeaconsInRegion"], "ranging reports"},
+                           {inTrace["QZWManagerDidEnterRegion"], "entered"},
+                           {posts + 3, "requests served"}})
+        EXPECT_NE(page.find(fmt::format("<li><b>{}</b>{}</li>", n, what)), std::string::npos) << what;
 
     if (!have("chromium")) {
         ADD_FAILURE() << "chromium is missing: scripts/install-deps.sh installs it";
@@ -249,7 +261,10 @@ TEST(LurewaveSim, WithoutAWalkTheReportSaysSoAndThereIsNoMap) {
     std::string page = quenby::test::readFile(dir.file("r.html")).value_or("");
     EXPECT_NE(page.find("This scenario has no walk, so there is no map"), std::string::npos);
     EXPECT_EQ(page.find("<svg"), std::string::npos);
-    EXPECT_NE(page.find("zonewise:didFailWithError:"), std::string::npos) << "the timeline tells the run";
+    EXPECT_NE(page.find("zonewise:didFailWithError: {&quot;domain&quot;:&quot;curl&quot;,&quot;code&quot;:3,"
+                        "&quot;description&quot;:&quot;URL using bad/illegal format or missing URL"),
+              std::string::npos)
+        << "the timeline tells the run";
 
     // An output that cannot be written fails the run.
     auto bad = shell(std::string(QUENBY_SIM_TOOL) + " run " + dir.file("s.json") + " --report " +

@@ -357,6 +357,11 @@ TEST(LurewaveSim, DeviceWithoutRangingFailsEveryRangingRequestAndIsNeverRanged) 
     for (const auto& l : asked) askedIds.insert(l["region"]["identifier"]);
     for (const auto& l : failed) failedIds.insert(l["region"]["identifier"]);
     EXPECT_EQ(failedIds, askedIds);
+    EXPECT_EQ(asked[0]["region"], json({{"class", "beacon"},
+                                        {"identifier", asked[0]["region"]["identifier"]},
+                                        {"uuid", kU},
+                                        {"major", 1},
+                                        {"minor", asked[0]["region"]["minor"]}}));
     for (std::size_t i = 0; i < std::min(asked.size(), failed.size()); ++i)
         EXPECT_EQ(failed[i]["t"], asked[i]["t"]) << "answered at once, without virtual time";
 
