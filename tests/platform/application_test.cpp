@@ -1,8 +1,10 @@
-// The application's presenter hook, alerts answered by id and opened local notifications.
+// The application's presenter hook, alerts answered by id, opened local notifications, and the
+// location service's refusals on a device without ranging.
 #include "platform/application.h"
 
 #include <gtest/gtest.h>
 
+#include "platform/location_manager.h"
 #include "platform/notifications.h"
 #include "support/test_support.h"
 
@@ -145,4 +147,30 @@ TEST(ApplicationPresenter, OpenedLocalNotificationReachesOnlyADelegateThatAnswer
     EXPECT_EQ(host->received, (std::vector<Json>{Json{{"campaign", "c1"}}}));
     EXPECT_EQ(host->deliveredInsidePass, 0);
     EXPECT_EQ(host->opened, 1) << "delivered as one pass";
+}
+
+TEST(LocationService, DeviceWithoutRangingRefusesEveryRangingRequestOnTheHostThread) {
+    struct Delegate final : LocationManagerDelegate {
+        std::vector<std::string> heard;
+        void locationManagerRangingBeaconsDidFailForRegionWithError(
+            LocationManager&, const std::shared_ptr<const BeaconRegion>& r,
+            const Error& e) override {
+            heard.push_back(r->identifier() + " " + e.toString());
+        }
+    };
+    test::VirtualPlatform vp;
+    auto delegate = std::make_shared<Delegate>();
+    auto manager = vp.platform->location->createLocationManager();
+    manager->setDelegate(delegate);
+    auto caps = vp.platform->location->capabilities();
+    caps.rangingAvailable = false;
+    vp.platform->location->setCapabilities(caps);
+    manager->startRangingBeaconsInRegion(std::make_shared<BeaconRegion>(
+        *UUID::parse(test::kTestVendorId), std::nullopt, std::nullopt, "door"));
+    EXPECT_TRUE(delegate->heard.empty()) << "callbacks wait for the host's run loop";
+    vp.scheduler().settle();
+    EXPECT_EQ(delegate->heard,
+              (std::vector<std::string>{
+                  "door Error Domain=kCLErrorDomain Code=16 \"Ranging is unavailable on this "
+                  "device\""}));
 }

@@ -4,10 +4,12 @@
 #include <cmath>
 #include <ctime>
 
+#include "platform/archive.h"
 #include "platform/bundle.h"
 #include "platform/crypto.h"
 #include "platform/device.h"
 #include "platform/files.h"
+#include "platform/json.h"
 #include "platform/plist.h"
 #include "platform/url.h"
 #include "platform/uuid.h"
@@ -18,10 +20,12 @@ using namespace quenby::platform;
 using nlohmann::json;
 
 TEST(Uuid, AcceptsOnlyTheCanonicalFormInEitherCase) {
-    auto u = UUID::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e5f");
+    auto u = UUID::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e50");
     ASSERT_TRUE(u);
-    EXPECT_EQ(u->uuidString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
-    EXPECT_EQ(u, UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F"));
+    EXPECT_EQ(u->uuidString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E50");
+    EXPECT_EQ(u, UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E50"));
+    // FNV-1a: every byte reaches the low bits that hash buckets use.
+    EXPECT_EQ(u->hash(), 0x0736b12ea65a5346u);
     for (const char* bad :
          {"", "E621E1F8C36C495A93FC0C247A3E6E5F", "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}",
           "E621E1F8-C36C-495A-93FC-0C247A3E6E5", "E621E1F8-C36C-495A-93FC-0C247A3E6E5FF",
@@ -40,11 +44,25 @@ TEST(Url, ParsesAbsoluteUrlsAndSplitsDecodedPathComponents) {
     EXPECT_EQ(u->lastPathComponent(), "17");
     EXPECT_EQ(Url::parse("http://h/a//b/%2F/..")->pathComponents(),
               (std::vector<std::string>{"/", "a", "b", "/", ".."}));
-    EXPECT_EQ(Url::parse("http://h/caf%C3%A9")->lastPathComponent(), "caf\xC3\xA9");
+    EXPECT_EQ(Url::parse("http://h/caf%C3%A9%40")->lastPathComponent(), "caf\xC3\xA9@");
+    // A decoded "/" or NUL must not let a cache file name leave its directory.
+    EXPECT_EQ(cacheFileName("zonewise-", *Url::parse("http://h:8/api/a%2Fb%00?q#f"), ".data"),
+              "zonewise-api-a%2Fb%00.data");
     for (const char* bad : {"", "/relative/path", "kits/17", "http://h/a b", "http://h/%zz",
-                            "http://h/%4", "http://h:99999/", "not a url"}) {
+                            "http://h/%4z", "http://h/%4", "http://h:99999/", "not a url"}) {
         EXPECT_FALSE(Url::parse(bad)) << bad;
     }
+    std::string longest = "http://h/" + std::string(65536 - 9, 'a');
+    EXPECT_TRUE(Url::parse(longest));
+    EXPECT_FALSE(Url::parse(longest + "a"));
+
+    auto ref = Url::parseReference("/events?x=1#f");
+    ASSERT_TRUE(ref && ref->isRelative());
+    EXPECT_EQ(ref->path(), "/events");
+    EXPECT_EQ(ref->query(), "x=1");
+    EXPECT_EQ(Url::parseReference("events/at:9")->path(), "events/at:9");
+    EXPECT_FALSE(Url::parseReference("status.example.com:8080/events"))
+        << "a colon first is a scheme";
 }
 
 TEST(Crypto, Sha1AndBase64) {
@@ -61,6 +79,9 @@ TEST(Crypto, Sha1AndBase64) {
     EXPECT_FALSE(base64Decode("Zm8"));
     EXPECT_FALSE(base64Decode("Zm=8"));
     EXPECT_FALSE(base64Decode("Zm8*"));
+    Bytes every(256);  // encodes to the whole alphabet
+    for (int i = 0; i < 256; ++i) every[i] = static_cast<std::uint8_t>(i);
+    EXPECT_EQ(base64Decode(base64Encode(every)), every);
 }
 
 TEST(PropertyList, ReadsXmlAndBinaryAndRejectsGarbage) {
@@ -100,11 +121,47 @@ TEST(PropertyList, ReadsXmlAndBinaryAndRejectsGarbage) {
     EXPECT_FALSE(parsePropertyList({}));
     Bytes truncated(bin.begin(), bin.begin() + static_cast<long>(bin.size() / 2));
     EXPECT_FALSE(parsePropertyList(truncated));
-    std::string deep = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
-    for (int i = 0; i < 600; ++i) deep += "<array>";
-    for (int i = 0; i < 600; ++i) deep += "</array>";
-    deep += "</plist>";
-    EXPECT_FALSE(parsePropertyList(toBytes(deep)));
+}
+
+TEST(NestingLimit, EveryReaderTakes512LevelsAroundAValueAndRefuses513) {
+    for (int n : {512, 513}) {
+        std::string plist = "<?xml version=\"1.0\"?><plist version=\"1.0\">", close;
+        for (int i = 0; i < n; ++i) plist += "<array>", close += "</array>";
+        plist += "<integer>1</integer>" + close + "</plist>";
+        Bytes cbor(n, 0x81);  // arrays of one element
+        cbor.push_back(0x01);
+        std::string e1, e2, e3;
+        auto json = parseJson(std::string(n, '[') + "1" + std::string(n, ']'), &e1);
+        auto archive = unarchiveJson(cbor, &e2);
+        auto list = parsePropertyList(toBytes(plist), &e3);
+        EXPECT_EQ(std::vector<bool>({!!json, !!archive, !!list}), std::vector<bool>(3, n == 512));
+        EXPECT_EQ(std::vector<std::string>({e1, e2, e3}),
+                  n == 512 ? std::vector<std::string>(3)
+                           : std::vector<std::string>({"JSON nested deeper than 512 levels",
+                                                       "archive nested too deeply",
+                                                       "property list nested too deeply"}));
+    }
+    // Brackets inside a string, after an escaped quote, are no nesting.
+    EXPECT_TRUE(parseJson("[\"\\\"" + std::string(600, '[') + "\"]"));
+}
+
+TEST(Json, LenientReadersSkipOnlyBlanksAndReadEveryDigit) {
+    struct Row {
+        Json value;
+        int i;
+        double d;
+        bool b;
+    };
+    for (const Row& r : std::vector<Row>{{"10", 10, 10, true},
+                                         {" \t+2.5e1x", 2, 25, true},
+                                         {"_1", 0, 0, false},
+                                         {"-00", 0, 0, false},
+                                         {true, 1, 1, true},
+                                         {nullptr, 0, 0, false}}) {
+        EXPECT_EQ(jsonIntValue(&r.value), r.i) << r.value;
+        EXPECT_EQ(jsonDoubleValue(&r.value), r.d) << r.value;
+        EXPECT_EQ(jsonBoolValue(&r.value), r.b) << r.value;
+    }
 }
 
 TEST(Files, AtomicAndPlainWritesAndFailuresAreValues) {
@@ -164,7 +221,7 @@ TEST(Device, VendorIdentifierIsStablePerApplicationAndHidesTheMachineId) {
               LinuxDeviceInfo("app.one", dir.file("vendor-id")).identifierForVendor());
 }
 
-TEST(Dates, UtcTextMatchesTheCLibraryAcrossCenturiesAndDropsTheFraction) {
+TEST(Dates, UtcTextMatchesTheCLibraryAcrossCenturiesAndParsesOnlyRealInstants) {
     for (double t : {0.0, 951782400.0, 4107542399.0, -2208988800.0, 253402300799.0, 1416056709.7,
                      -0.5, -86400.25, 68169600.0}) {
         std::time_t whole = static_cast<std::time_t>(std::floor(t));
@@ -178,4 +235,26 @@ TEST(Dates, UtcTextMatchesTheCLibraryAcrossCenturiesAndDropsTheFraction) {
               "2014-11-15T02:27:36.789Z");
     EXPECT_EQ(formatUTC(Date::distantPast()), "0001-01-01T00:00:00Z");
     EXPECT_EQ(formatUTC(Date::distantFuture()), "4001-01-01T00:00:00Z");
+
+    const double no = -1;  // refused
+    for (auto [text, want] : std::vector<std::pair<const char*, double>>{
+             {"2026-03-01T14:30:00.5+05:30", 1772355600.5},
+             {"2026-03-01T01:00:00.123456789-0800", 1772355600.123456789},
+             {"2026-03-01T09:00:00.1234567890Z", no},
+             {"2026-03-01T09:00:00Z", no},
+             {"2026-03-01T09:00:00.0+24:00", no},
+             {"2024-02-29T23:59:59.0Z", 1709251199},
+             {"2000-02-29T00:00:00.0Z", 951782400},
+             {"1900-02-29T00:00:00.0Z", no},
+             {"2023-02-29T00:00:00.0Z", no},
+             {"2026-01-31T09:00:00.0Z", 1769850000},
+             {"2026-08-31T12:00:00.0Z", 1788177600},
+             {"2026-10-31T00:00:00.0Z", 1793404800},
+             {"2026-04-31T00:00:00.0Z", no},
+             {"2026-00-01T00:00:00.0Z", no},
+             {"2026-13-01T00:00:00.0Z", no},
+             {"2026-03-01T24:00:00.0Z", no}}) {
+        auto d = parseTimestamp(text);
+        EXPECT_NEAR(d ? d->timeIntervalSince1970() : no, want, 1e-6) << text;
+    }
 }

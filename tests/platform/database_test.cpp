@@ -15,6 +15,7 @@ using namespace quenby::platform;
 
 TEST(Database, BindsEveryKindAndReadsRowsByIndexAndName) {
     test::VirtualPlatform vp;
+    test::ConsoleCapture console;
     auto q = DatabaseQueue::databaseQueueWithPath(vp.scheduler(), vp.documents.file("t.sqlite"));
     ASSERT_TRUE(q);
     Date when = Date::fromSecondsSince1970(1772355600.123456);
@@ -47,6 +48,14 @@ TEST(Database, BindsEveryKindAndReadsRowsByIndexAndName) {
             << "integer affinity keeps 7.0 as 7";
         EXPECT_EQ(rs->objectForColumn("at"), Json("1")) << "text affinity keeps a number as text";
         EXPECT_FALSE(rs->next());
+        EXPECT_EQ(rs->intForColumnIndex(0), 0) << "a finished result set reads as empty";
+        EXPECT_EQ(rs->columnNameForIndex(0), "");
+
+        testing::internal::CaptureStdout();
+        dumpQueries(db, {"select i, n as none from t order by rowid", "select nonsense"}, "\n");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "select i, n as none from t order by rowid\n| i | none | \n"
+                  "| 42 | (null) |  |\n| 7 | (null) |  |\nselect nonsense\n");
 
         // The same cached query nested inside itself still works.
         auto outer = db.executeQuery("select i from t order by rowid");
@@ -56,7 +65,8 @@ TEST(Database, BindsEveryKindAndReadsRowsByIndexAndName) {
             while (inner && inner->next()) ++rows;
         }
         EXPECT_EQ(rows, 4);
-        EXPECT_FALSE(db.executeUpdate("insert into u values (?)", {1, 2})) << "argument count";
+        EXPECT_FALSE(db.executeUpdate("insert into u values (?)", {1, 2}));
+        EXPECT_TRUE(console.contains("DB Error: 2 arguments for 1 parameters"));
         EXPECT_FALSE(db.executeQuery("select nonsense from nowhere"));
     });
     std::string mode;

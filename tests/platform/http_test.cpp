@@ -66,6 +66,7 @@ TEST(HttpClient, AnswersLargerThanTheLimitFail) {
     auto res = vp.platform->http->sendSync(req);
     ASSERT_TRUE(res.error);
     EXPECT_EQ(res.error->description, "response larger than 50000 bytes");
+    EXPECT_TRUE(res.body.empty()) << "no half-received body";
     req.maxResponseBytes = 100000;
     EXPECT_EQ(vp.platform->http->sendSync(req).body.size(), 100000u);
 }

@@ -244,6 +244,11 @@ TEST(Scheduler, SettleWaitsForHttpInFlightIncludingFireAndForget) {
     EXPECT_TRUE(completed);
     EXPECT_NE(completionThread, std::this_thread::get_id());
     EXPECT_EQ(server.requestsTo("/ping").size(), 1u);
+
+    auto token = vp.scheduler().beginWork();
+    token = vp.scheduler().beginWork();  // the replaced unit ends, or settle() would never return
+    token = {};
+    vp.scheduler().settle();
 }
 
 TEST(Scheduler, MainQueueWorkFromBackgroundRunsOnHostDuringSettle) {
@@ -261,6 +266,12 @@ TEST(Scheduler, MainQueueWorkFromBackgroundRunsOnHostDuringSettle) {
     s.settle();
     EXPECT_TRUE(onHost);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+    // A host without a loop of its own serves the same queue with run().
+    s.postToMain([&] { order.push_back(3); });
+    s.postToMain([&] { s.stop(); });
+    s.run();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
 TEST(Scheduler, ExceptionInBackgroundTaskIsReportedNotFatal) {
@@ -335,6 +346,12 @@ TEST(Scheduler, WaitUntilOnVirtualTimeWakesForWorkAndJumpsToTheDeadlineWhenNoneI
     EXPECT_TRUE(s.waitUntil(lk, cv, s.now().addingTimeInterval(30), [&] { return done; }));
     EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 12);
     done = false;
+    int hostTicks = 0;  // the host is the thread blocked in the wait
+    auto rl = s.scheduleRunLoopTimer(5, false, [&] { ++hostTicks; });
     EXPECT_FALSE(s.waitUntil(lk, cv, s.now().addingTimeInterval(30), [&] { return done; }));
     EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 42);
+    EXPECT_EQ(hostTicks, 0);
+    lk.unlock();
+    s.settle();
+    EXPECT_EQ(hostTicks, 1);
 }

@@ -46,6 +46,8 @@ TEST(QZWConfiguration, ReadsTheHostBundleFirstThenTheLibrarysOwn) {
     c.setUrl(Url::parse("http://127.0.0.1:8080/kit"));
     c.setMapName(std::nullopt);
     c.setApiToken("t2");
+    c.setAnalyticsURL(Url::parse("http://127.0.0.1:8080/analytics"));
+    EXPECT_EQ(c.config()["ZWAnalyticsURL"], "http://127.0.0.1:8080/analytics");
     EXPECT_EQ(c.config()["ZWKitURL"], "http://127.0.0.1:8080/kit");
     EXPECT_FALSE(c.config().contains("ZWMapName"));
     EXPECT_EQ(c.apiToken(), "t2");

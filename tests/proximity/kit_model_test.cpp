@@ -92,11 +92,21 @@ TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
     EXPECT_EQ(kit->getRegionForIdentifier("B-MAJOR"), nullptr) << "identifiers are case-sensitive";
 
     std::vector<std::string> seen;
-    kit->enumerateIBeaconsUsingBlock([&](const auto& b, std::size_t i, bool& stop) {
-        seen.push_back(std::to_string(i) + ":" + b->identifier().value_or("?"));
-        stop = i == 1;
-    });
-    EXPECT_EQ(seen, (std::vector<std::string>{"0:b-exact", "1:b-major"}));
+    for (std::size_t last : {99, 1}) {
+        kit->enumerateIBeaconsUsingBlock([&](const auto& b, std::size_t i, bool& stop) {
+            seen.push_back(std::to_string(i) + ":" + b->identifier().value_or("?"));
+            stop = i == last;
+        });
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"0:b-exact", "1:b-major", "2:b-uuid", "3:b-minor",
+                                              "4:shared", "0:b-exact", "1:b-major"}));
+    EXPECT_EQ(fence->description(), "<QZWCircle identifier=fence-1>");
+
+    // A registered region without a minor stands for minor 0 when the kit is asked about it.
+    auto zero = build({{"ibeacons", {beaconEntry(kU, 1, 0, "zero"), beaconEntry(kU, 1, 1, "one")}}});
+    auto asked = zero->getIBeaconRegionForCLBeaconRegion(
+        std::make_shared<const platform::BeaconRegion>(*UUID::parse(kU), 1, std::nullopt, "r"));
+    EXPECT_EQ(asked->name(), "n-zero");
 }
 
 TEST(QZWKit, MoreThanTwentyEntriesCollapseToOneGenericRegionPerDistinctUUID) {
@@ -158,10 +168,20 @@ TEST(QZWKit, RegionEqualityIsAsymmetricAndHashOrsTheUUIDHash) {
     std::size_t uuidHash = UUID::parse(kU)->hash();
     EXPECT_EQ(exact->hash(), uuidHash | (std::size_t{5} ^ ~std::size_t{7}));
     EXPECT_EQ(lower->hash(), uuidHash | (std::size_t{0} ^ ~std::size_t{0}));
+    std::size_t vHash = UUID::parse(kV)->hash();
+    EXPECT_EQ(QZWBeaconRegion(beaconEntry(kV, 4, nullptr, "x")).hash(), vHash | (4 ^ ~std::size_t{0}));
+    EXPECT_EQ(QZWBeaconRegion(beaconEntry(kV, nullptr, 4, "x")).hash(), vHash | ~std::size_t{4});
+    // Without a UUID nothing masks the low bits: a missing major or minor counts as 0.
+    EXPECT_EQ(QZWBeaconRegion(Json{{"major", 4}}).hash(), ~std::size_t{4});
+    EXPECT_EQ(QZWBeaconRegion(Json{{"minor", 4}}).hash(), ~std::size_t{4});
+    EXPECT_EQ(exact->description(), std::string("<QZWBeaconRegion uuid=") + kU + " major=5 minor=7>");
+    EXPECT_EQ(lower->description(),
+              "<QZWBeaconRegion uuid=E621E1F8-C36C-495A-93FC-0C247A3E6E5F major=(null) minor=(null)>");
 
     platform::Beacon live{*UUID::parse(kU), 5, 7, 2, 1.2, -63};
     QZWBeacon ranged(live, nullptr);
     EXPECT_TRUE(ranged.isEqual(&beacon));
+    EXPECT_EQ(ranged.description(), std::string("<QZWBeacon uuid=") + kU + " major=5 minor=7>");
     EXPECT_EQ(ranged.rssi(), Number(-63));
     EXPECT_EQ(ranged.accuracy(), 1.2);
     EXPECT_EQ(ranged.proximity(), 2);

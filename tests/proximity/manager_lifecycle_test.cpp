@@ -18,6 +18,7 @@ TEST(QZWManagerLifecycle, ServerDownUsesTheCacheRetriesEveryThirtySecondsThenHou
     f.server.on("GET", "/api/kits/17", Reply{200, ""});
     f.create();
     ASSERT_TRUE(f.manager->kit()) << "loaded from the cache at creation";
+    EXPECT_EQ(f.manager->kit()->id(), 17);
     EXPECT_TRUE(f.calls().empty()) << "but not registered before start";
 
     std::vector<int> results;
@@ -50,9 +51,9 @@ TEST(QZWManagerLifecycle, ServerDownUsesTheCacheRetriesEveryThirtySecondsThenHou
     EXPECT_EQ(f.kitRequests(), 10u);
     ASSERT_TRUE(f.manager->lastSuccessfulSync());
     EXPECT_EQ(f.recorder->events().back(), "didSync");
-    f.scheduler().advanceBy(59 * 60);  // 59 minutes later: no sync
+    f.scheduler().advanceBy(3600);  // the tick exactly an hour after the success: not yet
     EXPECT_EQ(f.kitRequests(), 10u);
-    f.scheduler().advanceBy(2 * 60 + 30);  // past 61 minutes
+    f.scheduler().advanceBy(30);
     EXPECT_EQ(f.kitRequests(), 12u);
     std::lock_guard lk(mu);
     ASSERT_GE(results.size(), 5u) << "the stored handler runs at the end of every later sync";
@@ -90,6 +91,10 @@ TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop)
     f.manager->sync();
     f.scheduler().settle();
     EXPECT_EQ(f.location().monitoredRegions().size(), 3u);
+    EXPECT_TRUE(f.manager->isRangingRegion(ManagerFixture::beaconRegion(1, 1, "door")));
+    EXPECT_FALSE(f.manager->isRangingRegion(ManagerFixture::beaconRegion(1, 1, "elsewhere")));
+    EXPECT_EQ(console.withPrefix("Zonewise[Debug] Checking ranging for ").size(), 3u)
+        << "door, store; door";
     const std::string uuid = kBeaconUUID;
     EXPECT_EQ(registrationLines(),
               (std::vector<std::string>{"Zonewise[Debug] Monitoring Geofence Circle Car park",
@@ -143,6 +148,16 @@ TEST(QZWManagerLifecycle, AuthorizationAndAvailabilityDecideRegistrationAndStop)
     EXPECT_EQ(queryRows(analytics, "select * from region_sessions where exited_at is null").size(),
               1u)
         << "stopped: analytics logging no longer records";
+
+    // Stopped, a sync still replaces the kit but registers nothing, and no tick syncs again.
+    f.location().setAuthorizationStatus(3);
+    f.location().clearCalls();
+    f.manager->sync();
+    f.scheduler().settle();
+    auto requests = f.kitRequests();
+    f.scheduler().advanceBy(3700);
+    EXPECT_EQ(f.kitRequests(), requests);
+    EXPECT_TRUE(f.calls().empty());
 }
 
 TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEverythingFirst) {
@@ -165,6 +180,18 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
         std::optional<bool> locationManagerShouldDisplayHeadingCalibration(
             platform::LocationManager&) override {
             return calibration;
+        }
+        void locationManagerDidUpdateHeading(platform::LocationManager&,
+                                             const platform::Heading& h) override {
+            heard.push_back("heading " + std::to_string(static_cast<int>(h.trueHeading)));
+        }
+        void locationManagerDidChangeAuthorizationStatus(platform::LocationManager&,
+                                                         int status) override {
+            heard.push_back("authorization " + std::to_string(status));
+        }
+        void locationManagerDidStartMonitoringForRegion(
+            platform::LocationManager&, const std::shared_ptr<const platform::Region>& r) override {
+            heard.push_back("monitoring " + r->identifier());
         }
     };
     ManagerFixture f;
@@ -193,8 +220,13 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
     auto door = ManagerFixture::beaconRegion(1, 1, "door");
     f.location().deliverRangingFailure(door, {"kCLErrorDomain", 16, "ranging unavailable"});
     f.location().deliverFailure({"kCLErrorDomain", 1, "denied"});
+    auto& lm = *f.manager->locationManager();
+    f.manager->locationManagerDidUpdateHeading(lm, {0, 90});
+    f.location().deliverAuthorizationChange(3);
+    f.manager->locationManagerDidStartMonitoringForRegion(lm, door);
     EXPECT_EQ(second->heard,
-              (std::vector<std::string>{"enter host-fence", "rangingFailed 16", "failed 1"}));
+              (std::vector<std::string>{"enter host-fence", "rangingFailed 16", "failed 1",
+                                        "heading 90", "authorization 3", "monitoring door"}));
     EXPECT_TRUE(
         console.contains("Zonewise[Error] Ranging Beacons Failed with Error: Error "
                          "Domain=kCLErrorDomain Code=16 \"ranging unavailable\""));
