@@ -101,6 +101,7 @@ TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
     EXPECT_EQ(seen, (std::vector<std::string>{"0:b-exact", "1:b-major", "2:b-uuid", "3:b-minor",
                                               "4:shared", "0:b-exact", "1:b-major"}));
     EXPECT_EQ(fence->description(), "<QZWCircle identifier=fence-1>");
+    EXPECT_EQ(QZWCircle(Json{{"type", "circle"}}).description(), "<QZWCircle identifier=(null)>");
 
     // A registered region without a minor stands for minor 0 when the kit is asked about it.
     auto zero = build({{"ibeacons", {beaconEntry(kU, 1, 0, "zero"), beaconEntry(kU, 1, 1, "one")}}});

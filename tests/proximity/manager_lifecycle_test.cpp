@@ -189,6 +189,20 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
                                                          int status) override {
             heard.push_back("authorization " + std::to_string(status));
         }
+        void locationManagerDidDetermineStateForRegion(
+            platform::LocationManager&, std::int64_t state,
+            const std::shared_ptr<const platform::Region>& r) override {
+            heard.push_back("state " + std::to_string(state) + " " + r->identifier());
+        }
+        void locationManagerMonitoringDidFailForRegionWithError(
+            platform::LocationManager&, const std::shared_ptr<const platform::Region>& r,
+            const platform::Error& e) override {
+            heard.push_back("monitoringFailed " + r->identifier() + " " + std::to_string(e.code));
+        }
+        void locationManagerDidUpdateLocations(platform::LocationManager&,
+                                               const std::vector<platform::Location>& l) override {
+            heard.push_back("locations " + std::to_string(l.size()));
+        }
         void locationManagerDidStartMonitoringForRegion(
             platform::LocationManager&, const std::shared_ptr<const platform::Region>& r) override {
             heard.push_back("monitoring " + r->identifier());
@@ -224,9 +238,13 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
     f.manager->locationManagerDidUpdateHeading(lm, {0, 90});
     f.location().deliverAuthorizationChange(3);
     f.manager->locationManagerDidStartMonitoringForRegion(lm, door);
+    auto fence = std::make_shared<const platform::CircularRegion>(1, 2, 3, "host-fence");
+    f.location().deliverState(fence, 1);
+    f.location().deliverMonitoringFailure(door, {"kCLErrorDomain", 5, "failed"});
     EXPECT_EQ(second->heard,
               (std::vector<std::string>{"enter host-fence", "rangingFailed 16", "failed 1",
-                                        "heading 90", "authorization 3", "monitoring door"}));
+                                        "heading 90", "authorization 3", "monitoring door",
+                                        "state 1 host-fence", "monitoringFailed door 5"}));
     EXPECT_TRUE(
         console.contains("Zonewise[Error] Ranging Beacons Failed with Error: Error "
                          "Domain=kCLErrorDomain Code=16 \"ranging unavailable\""));
@@ -236,6 +254,7 @@ TEST(QZWManagerLifecycle, HostRegionsAreOnlyForwardedAndASecondListenerHearsEver
     f.location().deliverLocations({{40.7128, -74.006}});
     EXPECT_EQ(f.manager->getLat(), "40.712800");
     EXPECT_EQ(f.manager->getLng(), "-74.006000");
+    EXPECT_EQ(second->heard.back(), "locations 1");
 }
 
 TEST(QZWManagerLifecycle, LargeKitsRegisterGenericRegionsAndEveryBuildTearsDownFirst) {
