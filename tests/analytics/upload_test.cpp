@@ -144,6 +144,24 @@ TEST(QZWAnalyticsUpload, SendsOneDocumentWithTheLayersHeadersThenStampsTheRows) 
         EXPECT_EQ(sessions[i]["beacon_sessions"][0]["beacon_major"], sessions[i]["region_major"]);
     }
     EXPECT_EQ(second["zonewise_events"][0]["geo_region_sessions"], Json::array());
+
+    // A region of a UUID alone closes too; text that needs escaping is escaped, and only that.
+    auto any = beaconRegion(nullptr, nullptr);
+    f.analytics->openSessionWithRegion(any.get());
+    f.analytics->closeSessionWithRegion(any.get());
+    QZWPartner().setIdentifier("a\"b\\c \xc3\xa9");
+    test::LogLevelGuard info(QZWLogLevelInfo);
+    ConsoleCapture console;
+    f.analytics->openSessionWithRegion(circle(40, -75, 30).get());
+    f.analytics->closeSessionWithRegion(circle(40, -75, 30).get());
+    f.analytics->uploadAnalyticsToServer();
+    std::string body = f.server.requestsTo("/analytics").back().body;
+    EXPECT_NE(body.find("\"partner_id\":\"a\\\"b\\\\c \xc3\xa9\""), std::string::npos) << body;
+    auto third = Json::parse(body)["zonewise_events"][0];
+    ASSERT_EQ(third["region_sessions"].size(), 1u);
+    EXPECT_EQ(third["region_sessions"][0]["region_major"], Json());
+    EXPECT_TRUE(console.contains("Zonewise[Info] Posted geo sessions to analytics server"));
+    EXPECT_TRUE(console.contains("Zonewise[Info] Posted beacon sessions to analytics server"));
 }
 
 TEST(QZWAnalyticsUpload, StampsOnlyAfterACompletedExchangeAndSendsEverythingAgainAfterAFailure) {
