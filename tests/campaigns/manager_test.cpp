@@ -16,6 +16,7 @@ TEST(LWManagerWalk, FoundAtItsTriggerDistanceViewedFulfilledRecordedUploadedAndR
     ASSERT_EQ(f.manager->activeCampaigns().size(), 1u);
     auto c1 = f.manager->campaignWithId("c1");
     ASSERT_TRUE(c1);
+    EXPECT_FALSE(c1->fulfilled() || c1->viewed() || c1->viewCount()) << "a new campaign is fresh";
     EXPECT_EQ(f.manager->campaignRepo()->kitId(), 17);
 
     // Entering the door's region is no distance: extended ranging starts, nothing is found.
@@ -357,4 +358,7 @@ TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
     }
     auto written = platform::unarchiveJson(*f.vp.platform->files->readFile(f.statePath()));
     EXPECT_EQ((*written)["campaign_ids"], Json::array({"c1"}));
+    auto kept = (*platform::unarchiveJson(good))["configuration"];
+    EXPECT_FALSE(kept.is_null());
+    EXPECT_EQ((*written)["configuration"], kept) << "the server configuration was read back";
 }

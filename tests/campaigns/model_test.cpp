@@ -34,7 +34,8 @@ TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) 
     VirtualPlatform vp;
     TestServer server;
     server.on("GET", "/a.png", Reply{200, "AAA", "image/png"});
-    server.on("GET", "/b.png", Reply{200, std::string(5000, 'b'), "image/png"});
+    // Exactly the largest image still inlined.
+    server.on("GET", "/b.png", Reply{200, std::string(LWImagePreloader::kMaxImageBytes, 'b'), "image/png"});
     server.on("GET", "/huge.png", Reply{200, std::string(2 * 1048576, 'h'), "image/png"});
     server.on("GET", "/broken.png", Reply{500, "oops", "text/plain"});
     auto& http = *vp.platform->http;
@@ -53,7 +54,7 @@ TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) 
         return "data:image;charset=US-ASCII;base64," +
                platform::base64Encode(platform::toBytes(body));
     };
-    std::string dataA = inlined("AAA"), dataB = inlined(std::string(5000, 'b'));
+    std::string dataA = inlined("AAA"), dataB = inlined(std::string(LWImagePreloader::kMaxImageBytes, 'b'));
     std::string want = "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a +
                        "\"><img src='" + dataB +
                        "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"

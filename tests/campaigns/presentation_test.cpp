@@ -35,6 +35,10 @@ class HostDelegate : public ApplicationDelegate {
         done(platform::kFetchResultNewData);
     }
     void applicationDidBecomeActive(platform::Application&) override { heard.push_back("active"); }
+    void applicationDidReceiveLocalNotification(platform::Application&,
+                                                const platform::LocalNotification& n) override {
+        heard.push_back("local " + n.alertBody);
+    }
     std::vector<std::string> heard;
 
   private:
@@ -89,8 +93,9 @@ TEST(LWAppDelegate, PushesReachTheHostOrTheManagerByPrecedence) {
     check({}, {}, {1}, "only the manager");
 
     // Tokens: the manager first, then the host when it takes them; other callbacks pass through.
-    auto host = check({C::DidRegisterForRemoteNotificationsWithDeviceToken, C::DidBecomeActive}, {},
-                      {1}, "");
+    auto host = check({C::DidRegisterForRemoteNotificationsWithDeviceToken, C::DidBecomeActive,
+                       C::DidReceiveLocalNotification},
+                      {}, {1}, "");
     app.deliverDeviceToken({0x01, 0x02});
     f.vp.scheduler().settle();
     EXPECT_EQ(host->heard, (std::vector<std::string>{"token"}));
@@ -103,6 +108,10 @@ TEST(LWAppDelegate, PushesReachTheHostOrTheManagerByPrecedence) {
     EXPECT_FALSE(proxy->respondsTo(C::WillTerminate));
     proxy->applicationDidBecomeActive(app);
     EXPECT_EQ(host->heard.back(), "active");
+    platform::LocalNotification note;
+    note.alertBody = "20% off";
+    app.deliverLocalNotificationAction(note);
+    EXPECT_EQ(host->heard.back(), "local 20% off");
 
     // Once the manager is gone, the intercepted callbacks still reach the host.
     f.manager.reset();
