@@ -215,7 +215,8 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
     auto content = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "t"}});
     auto c = LWCampaign::initWithDictionaryContents(
         vp.platform,
-        campaignJson(kBefore, kAfter, {{"min_recur_secs", 60}, {"trigger_distance", 1.5}}),
+        campaignJson(kBefore, kAfter,
+                     {{"min_recur_secs", 60}, {"trigger_distance", 1.5}, {"foreground_only", true}}),
         {content});
     c->detect();
     c->setViewCount(5000000002);
@@ -225,6 +226,7 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
     ASSERT_TRUE(back);
     EXPECT_EQ(back->archive(), c->archive());
     EXPECT_EQ(back->viewCount(), 5000000002) << "counts are 64-bit";
+    EXPECT_TRUE(back->foregroundOnly());
     EXPECT_TRUE(back->isEqual(*c));
     EXPECT_EQ(back->foundAt()->description(), "<LWPlace id=7 name=\"Door\">");
 

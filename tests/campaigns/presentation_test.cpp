@@ -113,6 +113,11 @@ TEST(LWAppDelegate, PushesReachTheHostOrTheManagerByPrecedence) {
     app.deliverLocalNotificationAction(note);
     EXPECT_EQ(host->heard.back(), "local 20% off");
 
+    app.setDelegate(nullptr);
+    EXPECT_EQ(LWAppDelegate::initWithManager(app, f.manager)->className(), "LWAppDelegate")
+        << "without a host delegate the proxy names itself";
+    app.setDelegate(proxy);
+
     // Once the manager is gone, the intercepted callbacks still reach the host.
     f.manager.reset();
     app.deliverDeviceToken({0x03});
