@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <cstdlib>
 #include <regex>
 #include <sstream>
@@ -87,14 +88,26 @@ TEST(Timeline, FoldsEachRegionsRangingWhereItBeganUntilTheRegionGoesQuiet) {
         ranged(12, "door", "Front door", -1),  // unknown accuracy is no nearest
         ranged(12, "coffee", "Coffee shelf", 6.0),
         ranged(22, "door", "Front door", 0.5),  // within the quiet gap: still the same run
+        {{"t", 22},
+         {"type", "delegate"},
+         {"name", "zonewise:didRangeBeacons:inRegion:"},
+         {"region", {{"identifier", "door"}, {"name", "Front door"}}}},  // the same report
+        {{"t", 23},
+         {"type", "location"},
+         {"call", "requestStateForRegion"},
+         {"region", {{"class", "circle"}}}},
         ranged(33, "door", "Front door", 9.0),  // 11 s of silence: a new run, of one report
+        placeRanged(40, 3, ""),                 // a place without a name is named by its id
+        placeRanged(41, 3, ""),
     };
     EXPECT_EQ(lines(Timeline::of(records)),
               (std::vector<std::string>{
                   "    10.000s  ranging      door \"Front door\"  x4 over 10.0–22.0 s, nearest 0.5 m",
                   "    11.000s  notification QZWManagerDidEnterRegion coffee \"Coffee shelf\"",
                   "    11.000s  ranging      coffee \"Coffee shelf\"  x2 over 11.0–12.0 s, nearest 4.0 m",
+                  "    23.000s  location     requestStateForRegion circle",
                   "    33.000s  notification QZWManagerDidRangeBeaconsInRegion door \"Front door\"",
+                  "    40.000s  ranging      place 3  x2 over 40.0–41.0 s",
               }));
 
     // A region ranged at a single instant keeps its own lines; unfolded, every record is a line.
@@ -110,6 +123,9 @@ TEST(Timeline, FoldsEachRegionsRangingWhereItBeganUntilTheRegionGoesQuiet) {
                  {"region", {{"identifier", "door"}, {"name", "Front door"}}}});
     EXPECT_EQ(out.back(), "    40.000s  delegate     zonewise:didRangeBeacons:inRegion: door "
                           "\"Front door\" [ door 1.25 m ]");
+    verbose.add(
+        {{"t", 41}, {"type", "server"}, {"method", "POST"}, {"path", "/x"}, {"body", "{\"a\":1}"}});
+    EXPECT_EQ(out.back(), "    41.000s  server       POST /x  {\"a\":1}\n{\n  \"a\": 1\n}");
 
     // A live host prints each event as it comes: the fold before it closes first, and a fold
     // never outlasts its span.
@@ -142,6 +158,8 @@ TEST(Timeline, ADocumentReadsAsOneLineWhateverItHolds) {
     // Shapes nobody sends still read, and never throw.
     EXPECT_EQ(Timeline::summarizeDocument("not json"), "not json");
     EXPECT_EQ(Timeline::summarizeDocument(std::string(200, 'x')).size(), 120u);
+    std::string fits = "{\"k\":\"" + std::string(112, 'x') + "\"}";  // 120 characters: kept whole
+    EXPECT_EQ(Timeline::summarizeDocument(fits), fits);
     EXPECT_EQ(Timeline::summarizeDocument(R"({"zonewise_events":[5,{"region_sessions":"x"}],)"
                                           R"("a_events":[1,{"event_type":3}]})"),
               "a events: ?; visits: none");
@@ -189,8 +207,27 @@ TEST(LurewaveSim, BundledExampleTellsItsStoryInAShortTimelineAMapAndAReport) {
     for (const char* kind : {"found", "viewed", "fulfilled"})
         EXPECT_EQ(count(map, std::string("class=\"marker ") + kind + "\""), 1u) << kind;
     for (const char* s : {">Front door<", ">Coffee shelf<", ">Checkout<", ">Car park · r 30 m<",
-                          "class=\"scale\"", ">20 m<", "class=\"north\"", ">found 104 s<"})
+                          "class=\"north\"", ">found 104 s<"})
         EXPECT_NE(map.find(s), std::string::npos) << s;
+    EXPECT_TRUE(std::regex_search(
+        map, std::regex(R"(<g class="scale"><path d="M16\.0,[\d.]+ v6 h[\d.]+ v-6" fill="none" )"
+                        R"(stroke="#0f172a" stroke-width="2"/><text x="[\d.]+" y="[\d.]+" )"
+                        R"(text-anchor="middle" fill="#0f172a">20 m</text></g>)")));
+    // No label covers another, by the map's own estimate of a label's box (0.58 em a character).
+    std::vector<std::array<double, 4>> boxes;
+    std::regex label(
+        R"re(<text x="([\d.]+)" y="([\d.]+)" font-size="(\d+)"[^>]*>([^<]*)</text>)re");
+    for (std::sregex_iterator i(map.begin(), map.end(), label), end; i != end; ++i) {
+        double x = std::stod((*i)[1]), y = std::stod((*i)[2]), em = std::stod((*i)[3]);
+        std::string s = (*i)[4];
+        auto chars = std::count_if(s.begin(), s.end(), [](char c) { return (c & 0xC0) != 0x80; });
+        std::array<double, 4> b{x, y - 0.8 * em, x + 0.58 * em * static_cast<double>(chars),
+                                y + 0.25 * em};
+        for (const auto& o : boxes)
+            EXPECT_FALSE(b[0] < o[2] && o[0] < b[2] && b[1] < o[3] && o[1] < b[3]) << s;
+        boxes.push_back(b);
+    }
+    EXPECT_GT(boxes.size(), 8u);
     for (const char* s : {"enter", "exit", "found", "viewed", "fulfilled", "beacon", "geofence"})
         EXPECT_NE(map.find(std::string("fill=\"#1f2937\">") + s + "</text>"), std::string::npos) << s;
     if (have("rsvg-convert")) {
@@ -205,7 +242,8 @@ TEST(LurewaveSim, BundledExampleTellsItsStoryInAShortTimelineAMapAndAReport) {
     EXPECT_FALSE(std::regex_search(page, std::regex(R"((src|href)\s*=|url\(|@import)")))
         << "nothing to fetch";
     EXPECT_NE(page.find("<svg"), std::string::npos);
-    EXPECT_NE(page.find("<li><span class=\"t\">104.0 s</span> found at Coffee shelf (place 2)</li>"),
+    EXPECT_NE(page.find("<h3>coffee-20</h3>\n<ol>\n<li><span class=\"t\">104.0 s</span> found at "
+                        "Coffee shelf (place 2)</li>"),
               std::string::npos);
     EXPECT_NE(page.find("fulfilled at Checkout (place 3)</li>"), std::string::npos);
     EXPECT_EQ(count(page, "<details>"), posts);
@@ -256,7 +294,7 @@ TEST(LurewaveSim, WithoutAWalkTheReportSaysSoAndThereIsNoMap) {
                        dir.file("m.svg") + " --report " + dir.file("r.html"),
                    dir);
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("  map: none, the scenario has no walk"), std::string::npos);
+    EXPECT_NE(r.out.find("  map: none, the scenario has no walk\n"), std::string::npos);
     EXPECT_FALSE(quenby::test::readFile(dir.file("m.svg")));
     std::string page = quenby::test::readFile(dir.file("r.html")).value_or("");
     EXPECT_NE(page.find("This scenario has no walk, so there is no map"), std::string::npos);

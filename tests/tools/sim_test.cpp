@@ -1,7 +1,10 @@
 // lurewave-sim from the outside: scenarios in, JSON Lines out.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <httplib.h>
 
@@ -175,7 +178,10 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
         {{"at", 14}, {"push", {{"aps", {{"content-available", 1}}}}}},
         {{"at", 15}, {"call", "remoteNotification"}, {"userInfo", json::object()}},
         {{"at", 16}, {"call", "syncWithCompletionHandler"}},
-        {{"at", 17}, {"call", "postEvent"}, {"type", "custom"}, {"details", {{"k", 1}}}},
+        {{"at", 17},
+         {"call", "postEvent"},
+         {"type", "custom"},
+         {"details", {{"k", "{server}/a {server}/b"}}}},
         {{"at", 18}, {"call", "foundCampaigns"}},
         {{"at", 18}, {"call", "activeCampaigns"}},
         {{"at", 19}, {"applicationState", "background"}},
@@ -263,6 +269,8 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
     auto enters = r.where("notification", "name", "QZWManagerDidEnterRegion");
     EXPECT_EQ(r.where("forwarded", "call", "locationManager:didEnterRegion:").size(), 4u);
     EXPECT_EQ(enters.size(), 3u) << "two entries in one pass make one notification";
+    EXPECT_EQ(enters[0]["userInfo"]["QZWRegion"]["class"], "QZWBeaconRegion");
+    EXPECT_EQ(r.where("forwarded", "call", "locationManager:didExitRegion:").size(), 1u);
     EXPECT_FALSE(
         r.where("forwarded", "call", "locationManager:didChangeAuthorizationStatus:").empty());
     EXPECT_FALSE(
@@ -288,6 +296,7 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
     EXPECT_EQ(tokens[0]["body"], "{\"ios_token\":\"0a1b2c\"}");
     EXPECT_EQ(tokens[0]["headers"]["X-LW-FrameworkVersion"], "0.2.1");
     EXPECT_EQ(tokens[1]["method"], "DELETE");
+    EXPECT_EQ(r.out.find("{server}"), std::string::npos) << "each of a string's {server}s replaced";
 }
 
 namespace {
@@ -307,9 +316,12 @@ json startWalkSync(const json& beaconAt, const json& path) {
 }  // namespace
 
 TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
-    // The sync registers again while walking: the walk answers the state request.
-    json steps = startWalkSync({40, 0}, {{-60, 0, 0}, {40, 0.5, 60}, {90, 0, 100}});
+    // The sync registers again while walking: the walk answers the state request. The path starts
+    // at 5 s, half a 10-second mark interval before 10 s.
+    json steps = startWalkSync({40, 0}, {{-60, 0, 4}, {40, 0.5, 60}, {90, 0, 100}});
     json s = store(steps, json::object(), "proximity");
+    std::string wide(130, 'P');  // wider than the map: the label goes in anyway
+    s["server"]["kit"]["kit"]["map"]["overlays"][0]["name"] = wide;
     s["until"] = 200;
     TempDir docs;
     auto r = run(s.dump(), {"--json", "--documents", docs.path(), "--svg", docs.file("map.svg")});
@@ -330,8 +342,14 @@ TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
     EXPECT_FALSE(r.where("server", "path", "/analytics").empty());
     EXPECT_FALSE(r.where("server", "path", "/status").empty());
     EXPECT_TRUE(quenby::test::readFile(docs.file("ZonewiseAnalytics.sqlite")));
-    EXPECT_NE(quenby::test::readFile(docs.file("map.svg")).value_or("").find("<polyline"),
-              std::string::npos);
+    std::string map = quenby::test::readFile(docs.file("map.svg")).value_or("");
+    EXPECT_NE(map.find("<polyline"), std::string::npos);
+    EXPECT_NE(map.find(">" + wide + " · r 30 m</text>"), std::string::npos);
+    std::size_t marks = 0;
+    for (auto p = map.find("class=\"time\""); p != std::string::npos;
+         p = map.find("class=\"time\"", p + 1))
+        ++marks;
+    EXPECT_EQ(marks, 11u) << "5, 10, 20 … 90 and 101 s";
 
     // The same run as a readable timeline ends with a summary.
     auto readable = run(s.dump(), {});
@@ -397,20 +415,57 @@ TEST(LurewaveSim, MalformedScenariosAreRejectedBeforeAnythingRuns) {
     auto step = [](json s) {
         return json{{"steps", json::array({{{"at", 0}, {"call", "start"}}, s})}};
     };
+    auto walk = [](json w) { return json{{"at", 5}, {"walk", w}}; };
+    json at0 = json::array({0, 0}), path = json::array({json::array({0, 0, 0})});
+    // Each message names what is wrong and where, and ends there.
     std::vector<std::pair<std::string, std::string>> cases = {
-        {"{not json", "not JSON"},
-        {json{{"stpes", json::array()}}.dump(), "unknown key \"stpes\""},
+        {"{not json", "not JSON: "},
+        {json{{"stpes", json::array()}}.dump(), "unknown key \"stpes\" in the scenario"},
         {json{{"device", {{"vendorId", "not-a-uuid"}}}}.dump(), "\"vendorId\" must be a UUID"},
         {json{{"device", {{"authorization", "3"}}}}.dump(), "\"authorization\" must be an integer"},
+        {json{{"device", {{"monitoringAvailable", "yes"}}}}.dump(),
+         "\"monitoringAvailable\" must be true or false"},
+        {json{{"device", {{"applicationState", "asleep"}}}}.dump(),
+         "\"applicationState\" must be active, inactive or background"},
         {step({{"at", 5}, {"jump", 1}}).dump(), "step 1 (at 5): unknown action \"jump\""},
         {step({{"at", 5}, {"call", "dance"}}).dump(), "step 1 (at 5): unknown call \"dance\""},
         {step({{"at", -1}, {"call", "stop"}}).dump(), "step 1 (at -1): time goes back"},
-        {step({{"at", 5}, {"enter", {{"uuid", kU}, {"minor", 2}}}}).dump(), "step 1 (at 5)"},
+        {step({{"at", 5}, {"enter", {{"uuid", kU}, {"minor", 2}}}}).dump(),
+         "step 1 (at 5): a beacon region with a minor needs a major"},
+        {step({{"at", 5}, {"exit", {{"uuid", kU}, {"major", 70000}}}}).dump(),
+         "step 1 (at 5): \"major\" must be from 0 to 65535"},
+        {step({{"at", 5}, {"enter", {{"identifier", "f"}, {"radius", "far"}}}}).dump(),
+         "step 1 (at 5): \"radius\" must be a number"},
+        {step({{"at", 5}, {"state", {{"identifier", "f"}}}}).dump(),
+         "step 1 (at 5): \"state\" needs \"value\""},
         {step({{"at", 5}, {"range", door()}, {"beacons", {{{"uuid", kU}}}}}).dump(),
-         "step 1 (at 5)"},
+         "step 1 (at 5): a beacon needs \"major\""},
+        {step({{"at", 5},
+               {"range", door()},
+               {"beacons", {{{"uuid", kU}, {"major", 1}, {"minor", 1}, {"accuracy", "near"}}}}})
+             .dump(),
+         "step 1 (at 5): \"accuracy\" must be a number"},
         {step({{"at", 5}, {"call", "registerDeviceToken"}, {"hex", "abc"}}).dump(),
-         "step 1 (at 5)"},
-        {step({{"at", "5"}, {"call", "stop"}}).dump(), "step 1 (at \"5\")"},
+         "step 1 (at 5): a hex string needs an even number of digits"},
+        {step({{"at", 5}, {"call", "setPartnerIdentifier"}, {"value", 5}}).dump(),
+         "step 1 (at 5): \"value\" must be a string"},
+        {step({{"at", 5},
+               {"call", "setCampaignFulfilled"},
+               {"campaign", "c1"},
+               {"place", {{"id", 9}, {"name", 9}}}})
+             .dump(),
+         "step 1 (at 5): a place's \"name\" must be a string"},
+        {step({{"at", 5}, {"call", "postEvent"}, {"type", "t"}, {"details", 1}}).dump(),
+         "step 1 (at 5): \"details\" must be an object"},
+        {step(walk({{"beacons", json::array()}, {"path", path}})).dump(),
+         "step 1 (at 5): \"walk\" needs \"origin\""},
+        {step(walk({{"origin", at0},
+                    {"beacons", {{{"major", 1}, {"minor", 1}, {"at", at0}}}},
+                    {"path", path}}))
+             .dump(),
+         "step 1 (at 5): a walk beacon needs \"uuid\""},
+        {step({{"at", "5"}, {"call", "stop"}}).dump(),
+         "step 1 (at \"5\"): \"at\" must be a number"},
         {json{{"host", "proximity"}, {"steps", {{{"at", 0}, {"call", "foundCampaigns"}}}}}.dump(),
          "step 0 (at 0): call \"foundCampaigns\" needs the campaigns host"},
     };
@@ -418,7 +473,10 @@ TEST(LurewaveSim, MalformedScenariosAreRejectedBeforeAnythingRuns) {
         auto r = run(scenario);
         EXPECT_EQ(r.status, 2) << scenario;
         EXPECT_TRUE(r.out.empty()) << "no trace for " << scenario;
-        EXPECT_NE(r.err.find(message), std::string::npos) << r.err;
+        // The parser's own words after "not JSON: " are not the tool's.
+        EXPECT_TRUE(message.ends_with(": ") ? r.err.find(message) != std::string::npos
+                                            : r.err.ends_with(": " + message + "\n"))
+            << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one message: " << r.err;
     }
 }
@@ -445,6 +503,8 @@ TEST(LurewaveSim, ServeAnswersTheKitAndFeedAndPrintsEveryRequest) {
     EXPECT_EQ(json::parse(client.Get("/campaigns")->body), json({{"kits", {{{"id", 1}}}}}));
     EXPECT_EQ(client.Post("/analytics", "{\"a\":1}", "application/json")->body, "{\"ok\":true}");
     EXPECT_EQ(client.Delete("/tokens")->body, "{\"ok\":true}");
+    EXPECT_EQ(client.Put("/places", "{}", "application/json")->body, "{\"ok\":true}");
+    EXPECT_EQ(client.Post("/status", "plain words", "text/plain")->body, "{\"ok\":true}");
     EXPECT_EQ(client.Get("/other")->status, 404);
     kill(pid, SIGTERM);
     for (int i = 0; i < 1000000 && kill(pid, 0) == 0; ++i) std::this_thread::yield();
@@ -452,4 +512,31 @@ TEST(LurewaveSim, ServeAnswersTheKitAndFeedAndPrintsEveryRequest) {
     EXPECT_NE(out.find("POST /analytics"), std::string::npos) << out;
     EXPECT_NE(out.find("\"a\": 1"), std::string::npos) << out;
     EXPECT_NE(out.find("DELETE /tokens"), std::string::npos) << out;
+    EXPECT_NE(out.find("\nplain words\n"), std::string::npos)
+        << "a body that is not JSON as it came";
+    EXPECT_NE(out.find("serving on http://127.0.0.1:" + std::to_string(port) +
+                       ": GET /kit, GET /campaigns, POST and DELETE anywhere else\n"),
+              std::string::npos);
+    // Every request heads its own line, however the greeting and the first request interleave.
+    for (const char* line : {"GET /kit", "GET /campaigns", "PUT /places", "POST /status"})
+        EXPECT_NE(("\n" + out).find(std::string("\n") + line + "\n"), std::string::npos) << line;
+
+    // A port another socket holds: the server says which, and does not start.
+    int held = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(::bind(held, reinterpret_cast<sockaddr*>(&addr), len), 0);
+    ::listen(held, 1);
+    ::getsockname(held, reinterpret_cast<sockaddr*>(&addr), &len);
+    std::string taken = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    int raw = std::system(("timeout 30 " + std::string(QUENBY_SIM_TOOL) + " serve --kit " +
+                           dir.file("kit.json") + " --campaigns " + dir.file("feed.json") +
+                           " --port " + taken.substr(10) + " > " + dir.file("out") + " 2>&1")
+                              .c_str());
+    ::close(held);
+    EXPECT_NE(raw, 0);
+    out = quenby::test::readFile(dir.file("out")).value_or("");
+    EXPECT_NE(out.find("cannot listen on " + taken + "\n"), std::string::npos) << out;
 }
