@@ -361,4 +361,13 @@ TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
     auto kept = (*platform::unarchiveJson(good))["configuration"];
     EXPECT_FALSE(kept.is_null());
     EXPECT_EQ((*written)["configuration"], kept) << "the server configuration was read back";
+
+    // A state that cannot be written says why.
+    f.manager.reset();
+    std::filesystem::remove(f.statePath());
+    std::filesystem::create_directory(f.statePath());
+    f.create();
+    console.clear();
+    f.vp.platform->application->deliverWillResignActive();
+    EXPECT_EQ(console.withPrefix("Error Writing Lurewave state file: ").size(), 1u);
 }
