@@ -38,6 +38,11 @@ TEST(QZWAPIBeaconFinder, MergesLevelsFromLeastToMostSpecific) {
     EXPECT_EQ(r["attributes"], Json({{"a", 1}, {"b", 2}, {"c", 3}}));
     EXPECT_EQ(r["name"], "exact");
     EXPECT_EQ(r["identifier"], "id-exact");
+    // A null member is a wild card; an entry without a UUID matches nothing.
+    EXPECT_FALSE(QZWAPIBeaconFinder::hasMinor({{"minor", nullptr}}));
+    EXPECT_TRUE(QZWAPIBeaconFinder::hasMinor({{"minor", 7}}));
+    EXPECT_FALSE(QZWAPIBeaconFinder::uuidMatchesWithUUIDMajorMinor(
+        {{"major", nullptr}, {"minor", nullptr}}, *quenby::platform::UUID::parse(kU), 5, 7));
 
     r = find(kit, 5, 8);
     EXPECT_EQ(r["attributes"], Json({{"a", 1}, {"b", 2}}));
