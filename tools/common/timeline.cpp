@@ -49,19 +49,27 @@ bool isRanging(const OrderedJson& r) {
 }
 
 // What changes from one ranging report to the next while nothing else does: the readings.
-void dropReadings(OrderedJson& v, std::optional<double>& nearest) {
+void dropReadings(OrderedJson& v) {
     if (v.is_array()) {
-        for (auto& e : v) dropReadings(e, nearest);
+        for (auto& e : v) dropReadings(e);
     } else if (v.is_object()) {
-        if (auto it = v.find("accuracy"); it != v.end() && it->is_number()) {
-            // A negative accuracy is the platform's "unknown".
-            double a = it->get<double>();
-            if (a >= 0) nearest = nearest ? std::min(*nearest, a) : a;
-        }
         v.erase("accuracy");
         v.erase("rssi");
         v.erase("proximity");
-        for (auto& [k, e] : v.items()) dropReadings(e, nearest);
+        for (auto& [k, e] : v.items()) dropReadings(e);
+    }
+}
+
+// The smallest accuracy anywhere in a record; a negative one is the platform's "unknown".
+void nearestIn(const OrderedJson& v, std::optional<double>& nearest) {
+    if (v.is_array()) {
+        for (const auto& e : v) nearestIn(e, nearest);
+    } else if (v.is_object()) {
+        if (auto it = v.find("accuracy"); it != v.end() && it->is_number()) {
+            double a = it->get<double>();
+            if (a >= 0) nearest = nearest ? std::min(*nearest, a) : a;
+        }
+        for (const auto& [k, e] : v.items()) nearestIn(e, nearest);
     }
 }
 
@@ -79,8 +87,7 @@ Subject rangingSubject(const OrderedJson& r) {
         region = &r["userInfo"]["QZWRegion"];
     if (region && region->is_object()) {
         OrderedJson bare = *region;
-        std::optional<double> unused;
-        dropReadings(bare, unused);
+        dropReadings(bare);
         std::string name = str(bare, "name");
         return {name.empty() ? "region " + str(bare, "identifier") : "name " + name,
                 regionName(bare), true};
@@ -169,8 +176,7 @@ void Timeline::add(const OrderedJson& record) {
     }
     auto [subject, label, byRegion] = rangingSubject(record);
     std::optional<double> nearest;
-    OrderedJson readings = record;
-    dropReadings(readings, nearest);
+    nearestIn(record, nearest);
     auto it = std::find_if(queue_.begin(), queue_.end(),
                            [&](const Slot& s) { return s.open && s.subject == subject; });
     if (it == queue_.end()) {

@@ -343,7 +343,7 @@ void Host::call(const Json& a) {
     }
 }
 
-MapScene Host::mapScene() const {
+MapScene Host::mapScene(const std::vector<OrderedJson>& records) const {
     MapScene scene;
     // Walk times count from the walk's start; the trace's from the run's.
     double offset = walk_->startedAt() - scenario_.start;
@@ -369,7 +369,7 @@ MapScene Host::mapScene() const {
         scene.beacons.push_back({b.x, b.y, label});
     }
     for (const auto& p : walk_->path()) scene.path.push_back({p.x, p.y, p.t + offset});
-    scene.markers = eventMarkers(trace_->records(), [&](double t) { return walk_->positionAt(t - offset); });
+    scene.markers = eventMarkers(records, [&](double t) { return walk_->positionAt(t - offset); });
     return scene;
 }
 
@@ -385,9 +385,12 @@ void Host::writeOutputs() {
         }
         trace_->note(fmt::format("  {}: {}", what, path));
     };
+    auto records = trace_->records();
+    std::optional<MapScene> map;
+    if (walk_ && (options_.svg || options_.report)) map = mapScene(records);
     if (options_.svg) {
-        if (walk_) {
-            save(*options_.svg, renderMap(mapScene()), "map");
+        if (map) {
+            save(*options_.svg, renderMap(*map), "map");
         } else {
             trace_->note("  map: none, the scenario has no walk");
         }
@@ -398,8 +401,8 @@ void Host::writeOutputs() {
         report.started = quenby::platform::formatUTC(
             quenby::platform::Date::fromSecondsSince1970(scenario_.start), false);
         report.duration = scenario_.until;
-        report.records = trace_->records();
-        if (walk_) report.map = mapScene();
+        report.records = std::move(records);
+        report.map = std::move(map);
         save(*options_.report, renderReport(report), "report");
     }
 }

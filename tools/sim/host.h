@@ -55,7 +55,7 @@ class Host {
     std::shared_ptr<const quenby::platform::Region> region(const Json& r) const;
     std::shared_ptr<QZWManager> proximity() const;
     void result(const std::string& call, const OrderedJson& value);
-    MapScene mapScene() const;
+    MapScene mapScene(const std::vector<OrderedJson>& records) const;
     // The map and the report, each named on the timeline once written.
     void writeOutputs();
     // The readable timeline's last lines: the campaigns found and what the server received.
