@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test demo asan tsan bench format clean
+.PHONY: all deps configure build test demo asan tsan bench crash-campaign format clean
 
 all: build
 
@@ -36,6 +36,13 @@ tsan:
 
 bench: build
 	@for b in $(BUILD)/bin/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+# A thousand SIGKILLs of a host while it records and uploads; prints the totals (README: Kill -9
+# campaign). SEED picks another kill plan.
+SEED ?= 1
+crash-campaign: configure
+	@cmake --build $(BUILD) --target crash-campaign -j $(JOBS)
+	@nice $(BUILD)/bin/crash-campaign --kills 1000 --seed $(SEED) --verbose
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
