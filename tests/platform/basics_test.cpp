@@ -121,6 +121,28 @@ TEST(PropertyList, ReadsXmlAndBinaryAndRejectsGarbage) {
     EXPECT_FALSE(parsePropertyList({}));
     Bytes truncated(bin.begin(), bin.begin() + static_cast<long>(bin.size() / 2));
     EXPECT_FALSE(parsePropertyList(truncated));
+
+    // Wider offsets and references, long and UTF-16 strings, strings the writer shares.
+    json big = {{"Long", std::string(70000, 'x')}, {"Caf\u00e9", "\u2615"}, {"Same", {"s", "s"}}};
+    for (int i = 0; i < 600; ++i) big["List"].push_back("value " + std::to_string(i));
+    EXPECT_EQ(parsePropertyList(toBinaryPropertyList(big)), big);
+    EXPECT_EQ(parsePropertyList(toBytes(toXmlPropertyList(big))), big);
+    EXPECT_EQ(parsePropertyList(toBinaryPropertyList(want)), want);
+    // Markup that is no element does not nest, wherever it stands.
+    std::string arrays, empties;
+    json tail = json::array();
+    for (int i = 0; i < 600; ++i) {
+        arrays += "<array>";
+        empties += i % 2 ? "<dict/>" : "<array />";
+        tail.push_back(i % 2 ? json::object() : json::array());
+    }
+    std::string tricky =
+        "<?xml version=\"1.0\"?><!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\"><plist version=\">" +
+        arrays + "\"><array><!--" + arrays + "--><?pi " + arrays + "?><string><![CDATA[" + arrays +
+        "]]></string>" + empties + "</array></plist>";
+    tail.insert(tail.begin(), arrays);
+    EXPECT_EQ(parsePropertyList(toBytes(tricky)), tail);
 }
 
 TEST(NestingLimit, EveryReaderTakes512LevelsAroundAValueAndRefuses513) {
