@@ -122,7 +122,8 @@ class LWManager : public std::enable_shared_from_this<LWManager> {
     void setLwAppDelegate(std::shared_ptr<LWAppDelegate> proxy);
     const std::shared_ptr<quenby::platform::Platform>& platform() const { return platform_; }
 
-    // The state file: documents directory + "/LurewaveState_<LWAPIToken>.plist".
+    // The state file: documents directory + "/LurewaveState_<LWAPIToken>.plist", the token
+    // escaped, and cut short with a digest when the name would pass the file system's limit.
     std::string plistPath() const;
     bool stateWasPersisted() const;
     void persistState();

@@ -1,6 +1,7 @@
 // Files of the documents directory (and anything else the library reads or writes).
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,8 +19,9 @@ class FileSystem {
 
     // Whole contents; nothing when the file is missing or cannot be read. Any thread.
     virtual std::optional<Bytes> readFile(const std::string& path) const = 0;
-    // Replaces the whole file. Atomically: written to a temporary file beside it, flushed and
-    // renamed over it, so a reader or a crash sees the old or the new contents, never a mix.
+    // Replaces the whole file. Atomically: written to a temporary file beside it (a short name of
+    // its own, so any legal name can be written this way), flushed and renamed over it, so a
+    // reader or a crash sees the old or the new contents, never a mix.
     // Otherwise truncated and written in place. Answers the failure, if any. Any thread.
     virtual std::optional<Error> writeFile(const std::string& path, const Bytes& data,
                                            bool atomically) = 0;
@@ -37,6 +39,16 @@ class LocalFileSystem final : public FileSystem {
 // `text` made safe as (part of) a file name: "/" becomes "%2F" and NUL "%00", so that a name
 // taken from outside never leaves its directory.
 std::string safeFileNameComponent(std::string_view text);
+
+// The longest file name the library writes: NAME_MAX of the common Linux file systems.
+inline constexpr std::size_t kMaxFileName = 255;
+
+// `prefix` + `name` + `suffix` when that fits kMaxFileName bytes. Otherwise the start of `name`,
+// then "-" and the hex SHA-1 of the whole `name`, then `suffix`, kMaxFileName bytes in all: two
+// long names that differ anywhere still name two files, and the same name always the same file.
+// `name` should already be safe (safeFileNameComponent).
+std::string boundedFileName(std::string_view prefix, std::string_view name,
+                            std::string_view suffix);
 
 // `dir` + "/" + `name`, without doubling a trailing slash of `dir`.
 std::string joinPath(std::string_view dir, std::string_view name);

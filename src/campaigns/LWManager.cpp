@@ -279,10 +279,12 @@ void LWManager::setZWManager(std::shared_ptr<QZWManager> m) {
 // State file
 
 std::string LWManager::plistPath() const {
-    // The token names the file; a token never names a file outside the documents directory.
+    // The token names the file; a token never names a file outside the documents directory,
+    // and one too long for a file name still names a file of its own, the same at every start.
     std::string token = config_->LWAPIToken().value_or("(null)");
-    return platform_->documentsDirectory + "/LurewaveState_" +
-           quenby::platform::safeFileNameComponent(token) + ".plist";
+    return platform_->documentsDirectory + "/" +
+           quenby::platform::boundedFileName(
+               "LurewaveState_", quenby::platform::safeFileNameComponent(token), ".plist");
 }
 
 bool LWManager::stateWasPersisted() const {

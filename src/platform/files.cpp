@@ -4,10 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <random>
+
+#include "platform/crypto.h"
 
 namespace quenby::platform {
 
@@ -68,9 +72,23 @@ std::optional<Error> LocalFileSystem::writeFile(const std::string& path, const B
         if (err) return posixError(err, path);
         return std::nullopt;
     }
+    // The temporary name has a fixed length: one grown from the final name would pass NAME_MAX
+    // for legal names near it, and those files could never be written. It stays in the same
+    // directory so that the rename is atomic. The pid keeps forked processes apart (they
+    // inherit the generator's state), the random part threads; O_EXCL settles the rest.
     static thread_local std::mt19937_64 rng{std::random_device{}()};
-    std::string tmp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(rng());
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    std::size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+    std::string tmp;
+    int fd = -1;
+    for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
+        char name[40];
+        std::snprintf(name, sizeof name, ".tmp-%08x-%016llx", static_cast<unsigned>(::getpid()),
+                      static_cast<unsigned long long>(rng()));
+        tmp = dir + name;
+        fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd < 0 && errno != EEXIST) break;
+    }
     if (fd < 0) return posixError(errno, path);
     int err = writeAll(fd, data);
     if (!err && ::fsync(fd) != 0) err = errno;
@@ -101,6 +119,16 @@ std::string safeFileNameComponent(std::string_view text) {
         }
     }
     return out;
+}
+
+std::string boundedFileName(std::string_view prefix, std::string_view name,
+                            std::string_view suffix) {
+    std::string whole = std::string(prefix) + std::string(name) + std::string(suffix);
+    if (whole.size() <= kMaxFileName) return whole;
+    auto digest = sha1(name);
+    std::string tail = "-" + hexString(digest.data(), digest.size()) + std::string(suffix);
+    std::size_t room = kMaxFileName - std::min(kMaxFileName, prefix.size() + tail.size());
+    return std::string(prefix) + std::string(name.substr(0, room)) + tail;
 }
 
 std::string joinPath(std::string_view dir, std::string_view name) {

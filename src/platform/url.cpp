@@ -4,7 +4,6 @@
 
 #include <memory>
 
-#include "platform/crypto.h"
 #include "platform/files.h"
 
 namespace quenby::platform {
@@ -123,12 +122,7 @@ std::string cacheFileName(std::string_view prefix, const Url& url, std::string_v
         first = false;
         joined += safeFileNameComponent(c);
     }
-    constexpr std::size_t kMaxName = 255;  // NAME_MAX of common Linux file systems
-    std::string name = std::string(prefix) + joined + std::string(suffix);
-    if (name.size() <= kMaxName) return name;
-    auto digest = sha1(joined);
-    std::string tail = "-" + hexString(digest.data(), digest.size()) + std::string(suffix);
-    return std::string(prefix) + joined.substr(0, kMaxName - prefix.size() - tail.size()) + tail;
+    return boundedFileName(prefix, joined, suffix);
 }
 
 }  // namespace quenby::platform

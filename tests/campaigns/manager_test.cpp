@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "campaigns/campaign_fixture.h"
+#include "platform/plist.h"
 
 using namespace quenby;
 using namespace quenby::test;
@@ -370,4 +371,25 @@ TEST(LWManagerState, UnreadableStateFilesStartEmptyAndWritesAreAtomic) {
     console.clear();
     f.vp.platform->application->deliverWillResignActive();
     EXPECT_EQ(console.withPrefix("Error Writing Lurewave state file: ").size(), 1u);
+}
+
+TEST(LWManagerState, TheStateOfATokenOfAnyLengthSurvivesARestart) {
+    // 220 characters keep their own (escaped) file name; 300 would pass NAME_MAX.
+    for (std::string token : {std::string(217, 't') + "a/b", std::string(300, 't')}) {
+        CampaignFixture f;
+        auto lurewave = *platform::readPropertyListFile(f.vp.bundle.file("Lurewave.plist"));
+        lurewave["LWAPIToken"] = token;
+        f.vp.writeBundlePlist("Lurewave.plist", lurewave);
+        f.startAndSync();
+        f.location().deliverRanging(CampaignFixture::region(1, "door"),
+                                    {CampaignFixture::beacon(1, 1.0)});
+        ASSERT_EQ(f.manager->foundCampaigns().size(), 1u) << token.size();
+        f.manager.reset();
+        f.create();
+        EXPECT_EQ(f.manager->foundCampaigns().size(), 1u) << token.size();
+        if (token.size() == 220) {
+            EXPECT_TRUE(std::filesystem::exists(
+                f.vp.documents.file("LurewaveState_" + std::string(217, 't') + "a%2Fb.plist")));
+        }
+    }
 }

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <ctime>
+#include <filesystem>
 
 #include "platform/archive.h"
 #include "platform/bundle.h"
@@ -197,6 +198,17 @@ TEST(Files, AtomicAndPlainWritesAndFailuresAreValues) {
     EXPECT_EQ(toString(*fs.readFile(p)), "two!");
     EXPECT_FALSE(fs.writeFile(p, {}, true));
     EXPECT_TRUE(fs.readFile(p)->empty());
+    // The longest legal name is written atomically too, and no temporary file stays behind.
+    std::string longest = dir.file(std::string(kMaxFileName, 'n'));
+    EXPECT_FALSE(fs.writeFile(longest, toBytes("long"), true));
+    EXPECT_EQ(fs.readFile(longest), toBytes("long"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2);
+    std::string fits(kMaxFileName - 4, 'n');
+    EXPECT_EQ(boundedFileName("p-", fits, ".x"), "p-" + fits + ".x");
+    std::string cut = boundedFileName("p-", fits + "n", ".x");
+    EXPECT_EQ(cut.size(), kMaxFileName);
+    EXPECT_EQ(cut, "p-" + fits.substr(0, kMaxFileName - 45) + "-" +
+                       hexString(sha1(fits + "n").data(), 20) + ".x");
 
     auto err = fs.writeFile(dir.file("missing/x"), toBytes("x"), true);
     ASSERT_TRUE(err);

@@ -132,10 +132,13 @@ TEST(QTLStatusUploader, PostsTheBatchDocumentWithTheLayersHeaders) {
 TEST(QTLAPIRequest, AsynchronousRequestsGoTwiceAndKeepAnAtomicCopyOfTheAnswer) {
     VirtualPlatform vp;
     TestServer server;
-    server.on("GET", "/sdk/v1/events", Reply{200, "{\"ok\":true}"});
+    // A path whose cache file name is 250 bytes: legal, so written like any other.
+    std::string events = "/sdk/v1/" + std::string(228, 'e');
+    server.on("GET", events, Reply{200, "{\"ok\":true}"});
     QTLAPIRequest api(vp.platform, "st");
-    auto url = platform::Url::parse(server.url("/sdk/v1/events"));
-    EXPECT_EQ(api.fileNameFrom(*url), "tallyline-sdk-v1-events.data");
+    auto url = platform::Url::parse(server.url(events));
+    std::string cacheName = "tallyline-sdk-v1-" + std::string(228, 'e') + ".data";
+    EXPECT_EQ(api.fileNameFrom(*url), cacheName);
     std::optional<Json> got;
     std::optional<platform::Error> err;
     auto handler = [&](std::optional<platform::Error> e, std::optional<Json> j) {
@@ -147,9 +150,9 @@ TEST(QTLAPIRequest, AsynchronousRequestsGoTwiceAndKeepAnAtomicCopyOfTheAnswer) {
     EXPECT_EQ(server.requests().size(), 2u);
     EXPECT_FALSE(err);
     EXPECT_EQ(got, Json({{"ok", true}}));
-    EXPECT_EQ(readFile(vp.documents.file("tallyline-sdk-v1-events.data")), "{\"ok\":true}");
+    EXPECT_EQ(readFile(vp.documents.file(cacheName)), "{\"ok\":true}");
 
-    server.on("POST", "/sdk/v1/events", Reply{200, ""});
+    server.on("POST", events, Reply{200, ""});
     api.post(url, "{}", handler);
     vp.scheduler().settle();
     EXPECT_EQ(server.requests().size(), 4u);
