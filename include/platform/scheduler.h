@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -76,14 +77,16 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     void advanceBy(double seconds) { advanceTo(now().addingTimeInterval(seconds)); }
     // Runs until no work is left: timers due now, main-queue work, queued notifications of the
     // host thread, queue tasks, source handlers and every WorkToken held (HTTP in flight). Time
-    // does not move. Host thread only.
+    // does not move. Host thread only. On a virtual clock what is due runs one item at a time in
+    // order of due time and creation (timers and main-queue work alike), each item's background
+    // work finishing before the next item starts.
     void settle();
 
     // Blocks until `pred` (read under `lk`) holds or `deadline` passes on the clock; answers
     // pred(). On the wall clock this is a wait on `cv`, which whoever changes the predicate must
-    // notify. On a virtual clock the waiter wakes whenever background work ends, and once none is
-    // left that could still change the predicate, time moves on (firing queue timers on the way)
-    // to the deadline. Run-loop timers wait for the host thread, which is the one blocked here.
+    // notify. On a virtual clock the waiter looks at the predicate whenever no background work is
+    // left, and if it does not hold, time moves on (firing queue timers on the way) to the
+    // deadline. Run-loop timers wait for the host thread, which is the one blocked here.
     bool waitUntil(std::unique_lock<std::mutex>& lk, std::condition_variable& cv, Date deadline,
                    const std::function<bool()>& pred);
 
@@ -111,6 +114,18 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
                                                 bool onHost, Task fire);
     void cancelTimer(const std::shared_ptr<detail::TimerCore>& t);
 
+    // On a virtual clock one thread runs at a time, taking turns in the order they were asked
+    // for: host passes and background tasks alike. A thread that is about to block on another
+    // yields its turn; the thread that wakes it reserves its next turn for it, so that the order
+    // stays the same from run to run. On the system clock these do nothing.
+    std::uint64_t reserveTurn();
+    // Blocks until `turn` (0: a new one, after every turn reserved so far) comes. A thread that
+    // waits too long (its turn held by one blocked where no turn is yielded) goes on without it.
+    void awaitTurn(std::uint64_t turn = 0);
+    // Ends the calling thread's turn, if it has one; answers whether it had.
+    bool yieldTurn();
+    bool holdsTurn() const;
+
   private:
     explicit Scheduler(std::shared_ptr<Clock> clock);
     void beginWorkUnit();
@@ -120,22 +135,39 @@ class Scheduler : public std::enable_shared_from_this<Scheduler> {
     bool hasDueTimerLocked() const;
     void timerThreadMain();
     void insertTimerLocked(const std::shared_ptr<detail::TimerCore>& t);
+    // Blocks the host until no work unit is outstanding. `lk` holds mu_.
+    void waitForQuietLocked(std::unique_lock<std::mutex>& lk);
+
+    // (due time, creation order): one sequence for timers and main-queue work, so that what is
+    // due at one virtual instant runs in the order it was asked for.
+    using Key = std::pair<double, std::uint64_t>;
 
     std::shared_ptr<Clock> clock_;
     std::thread::id hostThread_;
     std::unique_ptr<ThreadPool> pool_;
 
     mutable std::mutex mu_;
-    std::condition_variable cv_;    // outstanding_, main_, timers_ or stop_ changed
-    long outstanding_ = 0;          // guarded by mu_
-    std::uint64_t unitsEnded_ = 0;  // guarded by mu_: work units finished so far
-    std::deque<Task> main_;         // guarded by mu_
-    bool stop_ = false;             // guarded by mu_; run() returns
-    bool shuttingDown_ = false;     // guarded by mu_; timer thread exits
-    std::uint64_t timerSeq_ = 0;    // guarded by mu_
-    // Pending timers by (due time, creation order). Guarded by mu_.
-    std::map<std::pair<double, std::uint64_t>, std::shared_ptr<detail::TimerCore>> timers_;
+    // Each waiter has its own condition variable and is woken only for what it waits on: an idle
+    // process then wakes for its timers, not for every background task that ends.
+    std::condition_variable hostCv_;   // main_ or stop_ changed; for workWaiters_: a unit ended
+    std::condition_variable timerCv_;  // the earliest timer changed, or shuttingDown_
+    long outstanding_ = 0;             // guarded by mu_
+    int workWaiters_ = 0;              // guarded by mu_: host waits that end with a work unit
+    std::deque<std::pair<Key, Task>> main_;  // guarded by mu_; in key order
+    bool stop_ = false;                      // guarded by mu_; run() returns
+    bool shuttingDown_ = false;              // guarded by mu_; timer thread exits
+    std::uint64_t seq_ = 0;                  // guarded by mu_
+    // Pending timers by key. Guarded by mu_.
+    std::map<Key, std::shared_ptr<detail::TimerCore>> timers_;
     std::thread timerThread_;  // system clock only: fires timers when due
+
+    // Turns (virtual clock only); guarded by turnMu_.
+    mutable std::mutex turnMu_;
+    std::condition_variable turnCv_;
+    std::uint64_t nextTurn_ = 1;
+    std::uint64_t currentTurn_ = 0;  // 0: nobody's turn
+    std::uint64_t turnsTaken_ = 0;
+    std::set<std::uint64_t> reservedTurns_;  // reserved, not yet taken
 };
 
 // A timer on the host run loop (the platform's repeating run-loop timer).

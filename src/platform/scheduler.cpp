@@ -1,5 +1,6 @@
 #include "platform/scheduler.h"
 
+#include <pthread.h>
 #include <algorithm>
 #include <cassert>
 #include <cmath>
@@ -62,6 +63,7 @@ class ThreadPool {
     };
 
     static void workerMain(State& s) {
+        pthread_setname_np(pthread_self(), "quenby-pool");  // told apart in /proc and debuggers
         NotificationQueue::markThreadDeferring();
         std::unique_lock lk(s.mu);
         for (;;) {
@@ -131,14 +133,21 @@ std::shared_ptr<Scheduler> Scheduler::create(std::shared_ptr<Clock> clock) {
     return s;
 }
 
+namespace {
+// Set on the timer thread when the scheduler it serves was destroyed by a timer it fired: the
+// thread then leaves without touching the scheduler again.
+thread_local bool tlTimerThreadOrphaned = false;
+}  // namespace
+
 Scheduler::~Scheduler() {
     {
         std::lock_guard lk(mu_);
         shuttingDown_ = true;
     }
-    cv_.notify_all();
+    timerCv_.notify_all();
     if (timerThread_.joinable()) {
         if (timerThread_.get_id() == std::this_thread::get_id()) {
+            tlTimerThreadOrphaned = true;
             timerThread_.detach();
         } else {
             timerThread_.join();
@@ -158,12 +167,18 @@ std::shared_ptr<detail::TimerCore> Scheduler::addTimer(Date due, double interval
     t->repeats = repeats;
     t->onHost = onHost;
     t->fire = std::move(fire);
+    bool earliest;
+    bool hostWaits;
     {
         std::lock_guard lk(mu_);
-        t->key = std::make_pair(due.timeIntervalSince1970(), timerSeq_++);
+        t->key = std::make_pair(due.timeIntervalSince1970(), seq_++);
         insertTimerLocked(t);
+        earliest = timers_.begin()->second == t;
+        hostWaits = workWaiters_ > 0;
     }
-    cv_.notify_all();
+    // The timer thread sleeps until the earliest timer: only a new earliest one changes that.
+    if (earliest && !isVirtual()) timerCv_.notify_one();
+    if (hostWaits && isVirtual()) hostCv_.notify_all();
     return t;
 }
 
@@ -198,7 +213,7 @@ bool Scheduler::fireOneDueTimer() {
                 double nowS = now().timeIntervalSince1970();
                 if (next <= nowS) next += t->interval * std::ceil((nowS - next) / t->interval);
             }
-            t->key = std::make_pair(next, timerSeq_++);
+            t->key = std::make_pair(next, seq_++);
             insertTimerLocked(t);
         }
     }
@@ -220,20 +235,22 @@ bool Scheduler::fireOneDueTimer() {
 }
 
 void Scheduler::timerThreadMain() {
+    pthread_setname_np(pthread_self(), "quenby-timer");
     std::unique_lock lk(mu_);
     while (!shuttingDown_) {
         if (hasDueTimerLocked()) {
             lk.unlock();
             fireOneDueTimer();
+            if (tlTimerThreadOrphaned) return;  // `this` is gone
             lk.lock();
             continue;
         }
         if (timers_.empty()) {
-            cv_.wait(lk);
+            timerCv_.wait(lk);
         } else {
             double dueS = timers_.begin()->first.first;
             double wait = dueS - now().timeIntervalSince1970();
-            cv_.wait_for(lk, std::chrono::duration<double>(std::clamp(wait, 0.0, 3600.0)));
+            timerCv_.wait_for(lk, std::chrono::duration<double>(std::clamp(wait, 0.0, 3600.0)));
         }
     }
 }
@@ -263,19 +280,29 @@ void Scheduler::beginWorkUnit() {
 }
 
 void Scheduler::endWorkUnit() {
+    bool hostWaits;
     {
         std::lock_guard lk(mu_);
         --outstanding_;
-        ++unitsEnded_;
+        hostWaits = workWaiters_ > 0;
     }
-    cv_.notify_all();
+    // Only a settle() or waitUntil() cares that work ended; a host serving its loop does not.
+    if (hostWaits) hostCv_.notify_all();
+}
+
+void Scheduler::waitForQuietLocked(std::unique_lock<std::mutex>& lk) {
+    ++workWaiters_;
+    hostCv_.wait(lk, [&] { return outstanding_ == 0; });
+    --workWaiters_;
 }
 
 void Scheduler::submitBackground(Task task) {
     beginWorkUnit();
+    std::uint64_t turn = reserveTurn();
     // The task keeps the scheduler alive until its accounting is done: a task may hold the last
     // reference to whatever owns the scheduler.
-    pool_->submit([self = shared_from_this(), task = std::move(task)]() mutable {
+    pool_->submit([self = shared_from_this(), task = std::move(task), turn]() mutable {
+        if (turn) self->awaitTurn(turn);
         {
             WorkItemScope scope;
             try {
@@ -288,8 +315,75 @@ void Scheduler::submitBackground(Task task) {
             }
             task = nullptr;  // captured owners go before the work counts as done
         }
+        self->yieldTurn();
         self->endWorkUnit();
     });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Turns
+
+namespace {
+// The turns the calling thread holds, by scheduler (a host may drive more than one).
+thread_local std::vector<std::pair<const Scheduler*, std::uint64_t>> tlTurns;
+
+auto heldTurn(const Scheduler* s) {
+    return std::find_if(tlTurns.begin(), tlTurns.end(),
+                        [s](const auto& t) { return t.first == s; });
+}
+// How long turns may stand still before a waiting thread goes on without one: only a thread
+// blocked on another in a way that yields no turn (a lock of the host's own) holds one that long.
+constexpr auto kTurnPatience = std::chrono::seconds(1);
+}  // namespace
+
+std::uint64_t Scheduler::reserveTurn() {
+    if (!isVirtual()) return 0;
+    std::lock_guard lk(turnMu_);
+    auto t = nextTurn_++;
+    reservedTurns_.insert(t);
+    return t;
+}
+
+bool Scheduler::holdsTurn() const {
+    return heldTurn(this) != tlTurns.end();
+}
+
+void Scheduler::awaitTurn(std::uint64_t turn) {
+    if (!isVirtual()) return;
+    if (holdsTurn()) {
+        std::lock_guard lk(turnMu_);
+        reservedTurns_.erase(turn);  // a reserved turn left standing would stop everyone
+        return;
+    }
+    if (turn == 0) turn = reserveTurn();
+    std::unique_lock lk(turnMu_);
+    auto mine = [&] { return currentTurn_ == 0 && *reservedTurns_.begin() == turn; };
+    for (;;) {
+        std::uint64_t seen = turnsTaken_;
+        if (turnCv_.wait_for(lk, kTurnPatience, mine)) break;
+        if (turnsTaken_ == seen) {
+            reservedTurns_.erase(turn);
+            lk.unlock();
+            turnCv_.notify_all();
+            return;  // no progress: go on beside whoever is stuck
+        }
+    }
+    reservedTurns_.erase(turn);
+    currentTurn_ = turn;
+    ++turnsTaken_;
+    tlTurns.emplace_back(this, turn);
+}
+
+bool Scheduler::yieldTurn() {
+    auto held = heldTurn(this);
+    if (held == tlTurns.end()) return false;
+    {
+        std::lock_guard lk(turnMu_);
+        if (currentTurn_ == held->second) currentTurn_ = 0;
+    }
+    tlTurns.erase(held);
+    turnCv_.notify_all();
+    return true;
 }
 
 void Scheduler::dispatchGlobal(Task task) {
@@ -301,16 +395,22 @@ void Scheduler::dispatchGlobal(Task task) {
 
 void Scheduler::performPass(const Task& task) {
     assert(isHostThread() && "performPass runs on the host thread");
-    WorkItemScope scope;
-    if (task) task();
+    // Work the pass sets going starts once the pass is over, not beside it.
+    bool took = isVirtual() && !holdsTurn();
+    if (took) awaitTurn();
+    {
+        WorkItemScope scope;
+        if (task) task();
+    }
+    if (took) yieldTurn();
 }
 
 void Scheduler::postToMain(Task task) {
     {
         std::lock_guard lk(mu_);
-        main_.push_back(std::move(task));
+        main_.emplace_back(Key{now().timeIntervalSince1970(), seq_++}, std::move(task));
     }
-    cv_.notify_all();
+    hostCv_.notify_all();
 }
 
 void Scheduler::postToMainAfter(double seconds, Task task) {
@@ -330,7 +430,7 @@ void Scheduler::run() {
     stop_ = false;
     while (!stop_) {
         if (!main_.empty()) {
-            Task t = std::move(main_.front());
+            Task t = std::move(main_.front().second);
             main_.pop_front();
             lk.unlock();
             performPass(t);
@@ -343,7 +443,7 @@ void Scheduler::run() {
             lk.lock();
             continue;
         }
-        cv_.wait(lk, [&] { return stop_ || !main_.empty(); });
+        hostCv_.wait(lk, [&] { return stop_ || !main_.empty(); });
     }
 }
 
@@ -352,7 +452,7 @@ void Scheduler::stop() {
         std::lock_guard lk(mu_);
         stop_ = true;
     }
-    cv_.notify_all();
+    hostCv_.notify_all();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -360,30 +460,50 @@ void Scheduler::stop() {
 
 void Scheduler::settle() {
     assert(isHostThread() && "settle runs on the host thread");
+    const bool virt = isVirtual();
+    // Called within a pass: the pass gives way to the work it waits for, and goes on after it.
+    struct TurnBack {
+        Scheduler* s;
+        bool had;
+        ~TurnBack() {
+            if (had) s->awaitTurn();
+        }
+    } turnBack{this, yieldTurn()};
     for (;;) {
-        if (isVirtual() && fireOneDueTimer()) continue;
         Task item;
         {
-            std::lock_guard lk(mu_);
-            if (!main_.empty()) {
-                item = std::move(main_.front());
+            std::unique_lock lk(mu_);
+            // On virtual time an item's background work (and whatever that sets going) finishes
+            // before the next item starts: which pool thread wins can then change nothing.
+            if (virt) waitForQuietLocked(lk);
+            bool timerFirst = virt && hasDueTimerLocked() &&
+                              (main_.empty() || timers_.begin()->first < main_.front().first);
+            if (!timerFirst && !main_.empty()) {
+                item = std::move(main_.front().second);
                 main_.pop_front();
+            } else if (!timerFirst) {
+                lk.unlock();
+                if (NotificationQueue::defaultQueue().hasPending()) {
+                    performPass({});
+                    continue;
+                }
+                lk.lock();
+                if (virt) {
+                    if (outstanding_ == 0 && main_.empty() && !hasDueTimerLocked()) return;
+                    continue;
+                }
+                ++workWaiters_;
+                hostCv_.wait(lk, [&] { return outstanding_ == 0 || !main_.empty(); });
+                --workWaiters_;
+                if (outstanding_ == 0 && main_.empty()) return;
+                continue;
             }
         }
         if (item) {
             performPass(item);
-            continue;
+        } else {
+            fireOneDueTimer();
         }
-        if (NotificationQueue::defaultQueue().hasPending()) {
-            performPass({});
-            continue;
-        }
-        std::unique_lock lk(mu_);
-        auto ready = [&] {
-            return outstanding_ == 0 || !main_.empty() || (isVirtual() && hasDueTimerLocked());
-        };
-        cv_.wait(lk, ready);
-        if (outstanding_ == 0 && main_.empty() && !(isVirtual() && hasDueTimerLocked())) return;
     }
 }
 
@@ -396,17 +516,31 @@ bool Scheduler::waitUntil(std::unique_lock<std::mutex>& lk, std::condition_varia
         return cv.wait_until(lk, wall, pred);
     }
     auto* vc = dynamic_cast<VirtualClock*>(clock_.get());
+    // The waiter gives its turn to the work it waits for and looks at the predicate only once all
+    // is quiet: each look then sees the same state from run to run, and taking the turn back
+    // never waits on work that wants the caller's lock.
+    bool hadTurn = yieldTurn();
+    struct TurnBack {
+        Scheduler* s;
+        bool had;
+        ~TurnBack() {
+            if (had) s->awaitTurn();
+        }
+    } turnBack{this, hadTurn};
     for (;;) {
+        lk.unlock();
+        {
+            std::unique_lock s(mu_);
+            waitForQuietLocked(s);
+        }
+        lk.lock();
         if (pred()) return true;
         if (now() >= deadline) return false;
         lk.unlock();
         std::shared_ptr<detail::TimerCore> due;
         {
             std::unique_lock s(mu_);
-            if (outstanding_ > 0) {
-                std::uint64_t seen = unitsEnded_;
-                cv_.wait(s, [&] { return unitsEnded_ != seen; });
-            } else {
+            if (outstanding_ == 0) {
                 // Nothing runs that could answer: the next queue timer before the deadline fires,
                 // or the deadline comes.
                 double next = deadline.timeIntervalSince1970();
@@ -423,7 +557,7 @@ bool Scheduler::waitUntil(std::unique_lock<std::mutex>& lk, std::condition_varia
                         timers_.erase(it);
                         due->key.reset();
                         if (due->repeats) {
-                            due->key = std::make_pair(next + due->interval, timerSeq_++);
+                            due->key = std::make_pair(next + due->interval, seq_++);
                             insertTimerLocked(due);
                         }
                         break;
@@ -557,6 +691,9 @@ void DispatchQueue::sync(const std::function<void()>& fn) {
         std::mutex mu;
         std::condition_variable cv;
         bool entered = false, done = false;
+        // On a virtual clock: whoever lets the other go reserves its next turn.
+        bool callerHasTurn = false, gateHasTurn = false;
+        std::uint64_t callerTurn = 0, gateTurn = 0;
     };
     auto gate = std::make_shared<Gate>();
     bool direct = false;
@@ -567,17 +704,32 @@ void DispatchQueue::sync(const std::function<void()>& fn) {
             direct = true;
         }
     }
+    std::shared_ptr<Scheduler> sched;
     if (!direct) {
-        auto sched = scheduler_.lock();
+        sched = scheduler_.lock();
         if (!sched) return;
-        async([gate] {
+        gate->callerHasTurn = sched->holdsTurn();
+        async([gate, weak = scheduler_] {
+            auto s = weak.lock();  // alive: the drain running this holds it
             std::unique_lock lk(gate->mu);
+            gate->gateHasTurn = s && s->holdsTurn();
             gate->entered = true;
+            if (gate->callerHasTurn && s) gate->callerTurn = s->reserveTurn();
             gate->cv.notify_all();
+            if (gate->gateHasTurn) {
+                lk.unlock();
+                s->yieldTurn();
+                lk.lock();
+            }
             gate->cv.wait(lk, [&] { return gate->done; });
+            lk.unlock();
+            if (gate->gateHasTurn) s->awaitTurn(gate->gateTurn);
         });
+        if (gate->callerHasTurn) sched->yieldTurn();
         std::unique_lock lk(gate->mu);
         gate->cv.wait(lk, [&] { return gate->entered; });
+        lk.unlock();
+        if (gate->callerHasTurn) sched->awaitTurn(gate->callerTurn);
     }
     tlCurrentQueues.push_back(state_.get());
     struct Exit {
@@ -596,6 +748,7 @@ void DispatchQueue::sync(const std::function<void()>& fn) {
         } else {
             std::lock_guard lk(gate->mu);
             gate->done = true;
+            if (gate->gateHasTurn) gate->gateTurn = sched->reserveTurn();
             gate->cv.notify_all();
         }
     }};

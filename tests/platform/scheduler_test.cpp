@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
 #include <atomic>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -47,6 +50,29 @@ struct Gate {
         cv.notify_all();
     }
 };
+
+// How often the thread whose /proc directory is `dir` has gone to sleep so far.
+long sleeps(const std::string& dir) {
+    std::ifstream in(dir + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("voluntary_ctxt_switches:")) return std::stol(line.substr(24));
+    }
+    return 0;
+}
+
+// The same, summed over this process's threads named `name`.
+long sleepsOf(const std::string& name) {
+    long n = 0;
+    DIR* d = opendir("/proc/self/task");
+    while (auto* e = d ? readdir(d) : nullptr) {
+        std::string dir = std::string("/proc/self/task/") + e->d_name;
+        std::string comm;
+        std::getline(std::ifstream(dir + "/comm"), comm);
+        if (comm == name) n += sleeps(dir);
+    }
+    if (d) closedir(d);
+    return n;
+}
 
 }  // namespace
 
@@ -282,8 +308,25 @@ TEST(Scheduler, ExceptionInBackgroundTaskIsReportedNotFatal) {
     EXPECT_TRUE(console.contains("Uncaught exception in background task: boom"));
 }
 
-TEST(Scheduler, SystemClockTimersFireOnTheirOwn) {
+TEST(Scheduler, SystemClockTimersFireOnTheirOwnAndIdleThreadsSleepThroughOthersWork) {
     auto s = Scheduler::create(std::make_shared<SystemClock>());
+    // Background work ending wakes neither the timer thread, asleep until a timer an hour away,
+    // nor the host waiting in its loop for main-queue work.
+    auto later = s->scheduleRunLoopTimer(3600, false, [] {});
+    std::atomic<int> left{300};
+    long timerSleeps = sleepsOf("quenby-timer"), hostSleeps = sleeps("/proc/thread-self");
+    s->dispatchGlobal([&] {
+        for (int i = left; i > 0; --i) {
+            s->dispatchGlobal([&] {
+                if (--left == 0) s->postToMain([&] { s->stop(); });
+            });
+        }
+    });
+    s->run();
+    EXPECT_LE(sleepsOf("quenby-timer") - timerSleeps, 3);
+    EXPECT_LE(sleeps("/proc/thread-self") - hostSleeps, 3);
+    later->invalidate();
+
     auto q = s->createSerialQueue("test.system");
     std::mutex mu;
     std::condition_variable cv;
@@ -302,20 +345,25 @@ TEST(Scheduler, SystemClockTimersFireOnTheirOwn) {
 }
 
 TEST(Scheduler, ABackgroundTaskMayHoldTheLastReferenceToItsScheduler) {
-    std::weak_ptr<Scheduler> weak;
+    auto clock = std::make_shared<VirtualClock>(Date::fromSecondsSince1970(0));
+    std::weak_ptr<VirtualClock> clockHeld = clock;  // the scheduler's last member to go
+    // Shared with the task: the pool thread may still be leaving block() when the test goes on.
+    auto gate = std::make_shared<Gate>();
     {
-        auto s = Scheduler::create(std::make_shared<VirtualClock>(Date::fromSecondsSince1970(0)));
-        weak = s;
+        auto s = Scheduler::create(std::move(clock));
         auto q = s->createSerialQueue("test.last");
-        Gate gate;
-        q->async([s, &gate] { gate.block(); });  // the only owner once the test lets go
+        q->async([s, gate] { gate->block(); });  // the only owner once the test lets go
         s->dispatchGlobal([s] {});
-        gate.waitEntered();
+        gate->waitEntered();
         s.reset();
-        gate.release();
+        gate->release();
     }
-    // The scheduler goes on a pool thread; waiting for a real thread to finish, not for work.
-    while (!weak.expired()) std::this_thread::yield();
+    // Nothing waits for a pool thread to finish destroying the scheduler, so this does, on a real
+    // thread: until its destructor is through, with a deadline in case it never is.
+    auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!clockHeld.expired() && std::chrono::steady_clock::now() < giveUp)
+        std::this_thread::yield();
+    EXPECT_TRUE(clockHeld.expired());
 }
 
 TEST(Scheduler, WaitUntilOnVirtualTimeWakesForWorkAndJumpsToTheDeadlineWhenNoneIsLeft) {

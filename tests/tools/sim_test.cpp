@@ -540,3 +540,46 @@ TEST(LurewaveSim, ServeAnswersTheKitAndFeedAndPrintsEveryRequest) {
     out = quenby::test::readFile(dir.file("out")).value_or("");
     EXPECT_NE(out.find("cannot listen on " + taken + "\n"), std::string::npos) << out;
 }
+
+TEST(LurewaveSim, SameScenarioSameTraceByteForByte) {
+    // A walk past the door, ranged every second: the sync timer's analytics upload and the
+    // status watchdog come due on the same seconds (every 30) as a ranging pass and its upload.
+    json walk = startWalkSync({40, 0}, {{-60, 0, 4}, {40, 0.5, 60}, {90, 0, 100}});
+    json together = store(walk, json::object(), "proximity");
+    together["until"] = 200;
+    std::string example =
+        quenby::test::readFile(std::string(QUENBY_SOURCE_DIR) + "/examples/shopper.json")
+            .value_or("");
+    ASSERT_FALSE(example.empty());
+    for (const auto& scenario : {together.dump(), example}) {
+        // Each run's server listens on a port of its own, which the requests' Host names.
+        auto trace = [&] {
+            auto r = run(scenario);
+            EXPECT_EQ(r.status, 0) << r.err;
+            auto server = r.of("server");
+            std::string host = server.empty() ? "" : server[0]["headers"].value("Host", "");
+            for (auto p = r.out.find(host); !host.empty() && p != std::string::npos;
+                 p = r.out.find(host, p))
+                r.out.replace(p, host.size(), "SERVER");
+            return r;
+        };
+        auto first = trace();
+        ASSERT_FALSE(first.where("server", "path", "/status").empty());
+        ASSERT_FALSE(first.where("server", "path", "/analytics").empty());
+        for (int i = 0; i < 4; ++i) {
+            auto again = trace();
+            if (again.out == first.out) continue;
+            // Name the first line that differs, not two traces of thousands of lines.
+            auto at = std::mismatch(first.out.begin(), first.out.end(), again.out.begin(),
+                                    again.out.end());
+            auto line = [](const std::string& s, std::string::const_iterator it) {
+                auto from = s.rfind('\n', it - s.begin());
+                from = from == std::string::npos ? 0 : from + 1;
+                return s.substr(from, s.find('\n', from) - from);
+            };
+            FAIL() << "run " << i + 2 << " differs from the first at line "
+                   << std::count(first.out.begin(), at.first, '\n') + 1 << ":\n  "
+                   << line(first.out, at.first) << "\n  " << line(again.out, at.second);
+        }
+    }
+}
