@@ -2,6 +2,7 @@
 // it: any completed exchange is a success, and only a transport failure is an error.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -20,6 +21,25 @@ inline std::string tokenAuthorization(const std::optional<std::string>& token) {
     return "Token token=\"" + token.value_or("(null)") + "\"";
 }
 
+// Caps on answers, by kind. A larger answer is a failed exchange: it takes the failure path of
+// its request (the cached copy stands in where there is one) instead of the process's memory.
+// Each is sized to the largest real document of its kind with a wide margin (README, "Caps on
+// answers"); kMaxJsonMemory in json.h is sized from the largest of them.
+//
+// Kit: a beacon as kits write it takes about 250 bytes with a few attributes, a geofence about
+// 200. A large estate, 10,000 beacons and 5,000 geofences, is under 4 MB; twice that room.
+inline constexpr std::size_t kMaxKitAnswerBytes = std::size_t{8} << 20;
+// Campaign feed: a campaign with its places takes about 300 bytes, its content (alert texts and
+// an HTML body) 1-2 KB. 2,000 campaigns with their contents are under 4 MB; twice that room.
+inline constexpr std::size_t kMaxFeedAnswerBytes = std::size_t{8} << 20;
+// Push-token registration: the answer only says whether the token was taken.
+inline constexpr std::size_t kMaxPushAnswerBytes = std::size_t{64} << 10;
+// Status service: the upload's answer is not read and the asynchronous calls' answers are small
+// acknowledgements; 1 MiB also holds any server's error page.
+inline constexpr std::size_t kMaxStatusAnswerBytes = std::size_t{1} << 20;
+// Every other answer (analytics uploads, the status logger's posts): not read past success.
+inline constexpr std::size_t kMaxOtherAnswerBytes = std::size_t{1} << 20;
+
 struct HttpRequest {
     std::string method = "GET";
     std::string url;
@@ -28,8 +48,8 @@ struct HttpRequest {
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;  // bytes, as sent
     double timeoutSeconds = 60.0;
-    // Larger answers fail with a transport error instead of exhausting memory.
-    std::size_t maxResponseBytes = 128u << 20;
+    // Larger answers fail with a transport error (no body) instead of exhausting memory.
+    std::size_t maxResponseBytes = kMaxOtherAnswerBytes;
 
     void setHeader(const std::string& name, std::optional<std::string> value);
     const std::string* header(const std::string& name) const;

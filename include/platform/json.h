@@ -20,8 +20,18 @@ using Json = nlohmann::json;
 // JSON library copies, compares and prints recursively.
 inline constexpr int kMaxJsonDepth = 512;
 
+// The most memory a parsed document may take, estimated from its text before parsing: a
+// document that would take more is refused, so one answer cannot take the process down. The
+// JSON library spends 16 bytes on each value, about 64 more on each array or object and about 80
+// more on each object member, so real kits and feeds cost about six times their compact text:
+// the largest answer accepted (8 MiB, see the caps on answers in http.h) fits with room to
+// spare, while a hostile answer of that size (a flat array of zeros, 4 million values) also
+// fits, and anything denser or larger is refused. At most 6 million values.
+inline constexpr std::size_t kMaxJsonMemory = std::size_t{96} << 20;
+
 // Parses a JSON text. The top level must be an object or an array unless `allowFragments`.
-// Nothing on failure, with the reason in `error` when given.
+// Nothing on failure (malformed, nested too deep, or over kMaxJsonMemory), with the reason in
+// `error` when given.
 std::optional<Json> parseJson(std::string_view text, std::string* error = nullptr,
                               bool allowFragments = false);
 inline std::optional<Json> parseJson(const Bytes& b, std::string* error = nullptr,

@@ -39,6 +39,9 @@ void LWAPIRequest::send(const std::string& method, const std::optional<std::stri
     HttpRequest req;
     req.method = method;
     req.url = url.value_or("");
+    // The repository GETs only the feed; it POSTs and DELETEs only push tokens.
+    req.maxResponseBytes = method == "GET" ? quenby::platform::kMaxFeedAnswerBytes
+                                           : quenby::platform::kMaxPushAnswerBytes;
     setHeaders(req);
     if (data && method != "GET") {
         try {

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <mutex>
 
+#include "platform/console.h"
 #include "platform/http.h"
 #include "platform/scheduler.h"
 
@@ -68,6 +69,9 @@ HttpResponse perform(const HttpRequest& req) {
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
+    // An answer that announces a larger size is refused before its first byte; the write callback
+    // still guards answers of unknown size and compressed ones that expand past the cap.
+    curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(req.maxResponseBytes));
     curl_easy_setopt(h, CURLOPT_TIMEOUT_MS,
                      static_cast<long>(std::clamp(req.timeoutSeconds, 0.001, 86400.0) * 1000));
     if (req.method == "GET") {
@@ -86,12 +90,17 @@ HttpResponse perform(const HttpRequest& req) {
     if (rc == CURLE_OK) {
         curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &res.statusCode);
     } else {
-        std::string text = sink.overflow ? "response larger than " +
-                                               std::to_string(req.maxResponseBytes) + " bytes"
-                           : errbuf[0] ? std::string(errbuf)
-                                       : std::string(curl_easy_strerror(rc));
+        bool tooLarge = sink.overflow || rc == CURLE_FILESIZE_EXCEEDED;
+        std::string text =
+            tooLarge    ? "response larger than " + std::to_string(req.maxResponseBytes) + " bytes"
+            : errbuf[0] ? std::string(errbuf)
+                        : std::string(curl_easy_strerror(rc));
+        // The callers' own failure paths may not log; a refused answer is worth one line anyway,
+        // as it points at a server gone wrong rather than at the network.
+        if (tooLarge)
+            consoleWrite("HTTP answer refused, " + text + ": " + req.method + " " + req.url);
         res.error = Error{"curl", static_cast<long>(rc), text};
-        res.body.clear();
+        res.body = Bytes();  // gives the memory back, not just the size
     }
     curl_slist_free_all(headers);
     curl_easy_cleanup(h);

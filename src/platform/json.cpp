@@ -10,30 +10,59 @@ namespace quenby::platform {
 
 namespace {
 
-// Deepest nesting of arrays and objects in `text`, without parsing it.
-int nestingDepth(std::string_view text) {
-    int depth = 0, deepest = 0;
-    bool inString = false, escaped = false;
-    for (char c : text) {
-        if (inString) {
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-            } else if (c == '"') {
-                inString = false;
-            }
-            continue;
-        }
-        if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            deepest = std::max(deepest, ++depth);
-        } else if (c == ']' || c == '}') {
-            --depth;
+// What the JSON library would build from a text, read off its punctuation without parsing it.
+// Upper bounds: a comma or an opener starts at most one value; a colon outside strings marks one
+// object member.
+struct Shape {
+    int depth = 0;
+    std::size_t values = 1, containers = 0, members = 0;
+
+    // Heap bytes of the parsed document, measured on the JSON library in use: 16 per value, about
+    // 64 more for the vector or tree of each array or object, about 80 more per object member
+    // (the tree node with its key). Strings add at most their own length, which the callers'
+    // caps on answers bound.
+    std::size_t memory() const { return 16 * values + 64 * containers + 80 * members; }
+};
+
+Shape shapeOf(std::string_view text) {
+    Shape s;
+    int depth = 0;
+    std::size_t commas = 0;
+    const std::size_t n = text.size();
+    for (std::size_t i = 0; i < n;) {
+        switch (text[i++]) {
+            case '"':
+                // Most of a document's bytes are in strings: skipped in a tight loop of their own.
+                while (i < n) {
+                    char c = text[i++];
+                    if (c == '\\') {
+                        ++i;
+                    } else if (c == '"') {
+                        break;
+                    }
+                }
+                break;
+            case '[':
+            case '{':
+                ++s.containers;
+                s.depth = std::max(s.depth, ++depth);
+                break;
+            case ']':
+            case '}':
+                --depth;
+                break;
+            case ',':
+                ++commas;
+                break;
+            case ':':
+                ++s.members;
+                break;
+            default:
+                break;
         }
     }
-    return deepest;
+    s.values += commas + s.containers;
+    return s;
 }
 
 std::int64_t saturate(double d) {
@@ -62,8 +91,15 @@ std::optional<Json> parseJson(std::string_view text, std::string* error, bool al
         if (error) *error = std::move(why);
         return std::nullopt;
     };
-    if (nestingDepth(text) > kMaxJsonDepth) {
+    Shape shape = shapeOf(text);
+    if (shape.depth > kMaxJsonDepth) {
         return fail("JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
+    }
+    if (shape.memory() > kMaxJsonMemory) {
+        return fail("JSON document too large: " + std::to_string(shape.values) + " values, " +
+                    std::to_string(shape.members) + " object members, about " +
+                    std::to_string(shape.memory() >> 20) + " MiB once parsed (limit " +
+                    std::to_string(kMaxJsonMemory >> 20) + " MiB)");
     }
     Json j;
     try {

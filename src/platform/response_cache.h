@@ -2,10 +2,12 @@
 // fails. One file per URL path in the documents directory (see cacheFileName).
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "platform/console.h"
 #include "platform/files.h"
 #include "platform/http.h"
 #include "platform/url.h"
@@ -14,22 +16,34 @@ namespace quenby::platform {
 
 class ResponseCache {
   public:
+    // Files larger than `maxBytes` (the cap on the answers it keeps) are not read back.
     ResponseCache(std::shared_ptr<FileSystem> files, std::string directory, std::string prefix,
-                  bool atomicWrites)
+                  bool atomicWrites, std::size_t maxBytes)
         : files_(std::move(files)),
           dir_(std::move(directory)),
           prefix_(std::move(prefix)),
-          atomic_(atomicWrites) {}
+          atomic_(atomicWrites),
+          maxBytes_(maxBytes) {}
 
     std::string fileNameFrom(const Url& url) const { return cacheFileName(prefix_, url, ".data"); }
     std::string pathFor(const Url& url) const { return joinPath(dir_, fileNameFrom(url)); }
     std::optional<Error> write(const Bytes& data, const Url& url) const {
         return files_->writeFile(pathFor(url), data, atomic_);
     }
-    // Nothing when there is no file or it is empty.
+    // Nothing when there is no file, it is empty or it is larger than the cap. No answer over the
+    // cap is ever written, but a file left by an older version or put there by hand could be any
+    // size: its size is asked of the disk before it is read.
     std::optional<Bytes> read(const Url& url) const {
-        auto data = files_->readFile(pathFor(url));
-        if (!data || data->empty()) return std::nullopt;
+        std::string path = pathFor(url);
+        std::error_code ec;
+        auto size = std::filesystem::file_size(path, ec);
+        if (!ec && size > maxBytes_) {
+            consoleWrite("Cache file ignored, larger than " + std::to_string(maxBytes_) +
+                         " bytes: " + path);
+            return std::nullopt;
+        }
+        auto data = files_->readFile(path);
+        if (!data || data->empty() || data->size() > maxBytes_) return std::nullopt;
         return data;
     }
 
@@ -37,6 +51,7 @@ class ResponseCache {
     std::shared_ptr<FileSystem> files_;
     std::string dir_, prefix_;
     bool atomic_;
+    std::size_t maxBytes_;
 };
 
 // Sends `request` twice: once with its answer dropped, then once for `completion`. Both API

@@ -10,7 +10,8 @@ QZWAPIRequest::QZWAPIRequest(std::shared_ptr<quenby::platform::Platform> platfor
                              std::optional<std::string> apiToken)
     : platform_(std::move(platform)),
       apiToken_(std::move(apiToken)),
-      cache_(platform_->files, platform_->documentsDirectory, "zonewise-", false) {}
+      cache_(platform_->files, platform_->documentsDirectory, "zonewise-", false,
+             quenby::platform::kMaxKitAnswerBytes) {}
 
 HttpRequest QZWAPIRequest::newRequest(const std::optional<Url>& url,
                                       const std::string& method) const {
@@ -30,6 +31,7 @@ HttpRequest QZWAPIRequest::newRequest(const std::optional<Url>& url,
 
 void QZWAPIRequest::get(const std::optional<Url>& url, Handler handler) const {
     HttpRequest req = newRequest(url, "GET");
+    req.maxResponseBytes = quenby::platform::kMaxKitAnswerBytes;
     // The first transmission's answer is dropped: every kit GET reaches the server twice.
     platform_->http->send(req, nullptr);
     platform_->http->send(

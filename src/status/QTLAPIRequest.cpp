@@ -9,11 +9,13 @@ QTLAPIRequest::QTLAPIRequest(std::shared_ptr<quenby::platform::Platform> platfor
                              std::optional<std::string> apiToken)
     : platform_(std::move(platform)),
       apiToken_(std::move(apiToken)),
-      cache_(platform_->files, platform_->documentsDirectory, "tallyline-", true) {}
+      cache_(platform_->files, platform_->documentsDirectory, "tallyline-", true,
+             quenby::platform::kMaxStatusAnswerBytes) {}
 
 HttpRequest QTLAPIRequest::newApiRequest(const std::optional<Url>& url) const {
     HttpRequest req;
     req.url = url ? url->absoluteString() : std::string();
+    req.maxResponseBytes = quenby::platform::kMaxStatusAnswerBytes;
     req.setHeader("AUTHORIZATION", quenby::platform::tokenAuthorization(apiToken_));
     req.setHeader("X-TL-AppID", QTLDevice(platform_->device).getUUID());
     req.setHeader("X-TL-FrameworkVersion", std::string(kTallylineFrameworkVersion));

@@ -275,7 +275,7 @@ TEST(LWManagerFeed, ABrokenFeedFailsTheSyncAndChangesNothing) {
     ASSERT_EQ(f.manager->foundCampaigns().size(), 1u);
     auto before = f.vp.platform->files->readFile(f.statePath());
     ConsoleCapture console;
-    std::string huge = "{\"kits\": \"" + std::string(8 << 20, 'x') + "\"}";
+    std::string huge = "{\"kits\": \"" + std::string(4 << 20, 'x') + "\"}";
     std::vector<int> results;
     for (std::string body :
          {std::string("[1, 2]"), std::string("{\"kits\": []}"), std::string("{\"kits\": [3]}"),

@@ -164,8 +164,24 @@ TEST(NestingLimit, EveryReaderTakes512LevelsAroundAValueAndRefuses513) {
                                                        "archive nested too deeply",
                                                        "property list nested too deeply"}));
     }
-    // Brackets inside a string, after an escaped quote, are no nesting.
-    EXPECT_TRUE(parseJson("[\"\\\"" + std::string(600, '[') + "\"]"));
+}
+
+TEST(JsonBudget, DenseDocumentsAreRefusedBeforeParsingAndStringsCountForNothing) {
+    // Each just over 96 MiB once parsed: 16 bytes a value, 64 more a container, 80 more a member.
+    auto repeat = [](std::string open, const std::string& item, std::size_t n, char close) {
+        open.reserve(open.size() + n * (item.size() + 1) + 1);
+        for (std::size_t i = 0; i < n; ++i) (i ? open += ',' : open) += item;
+        return open + close;
+    };
+    for (const auto& text : {repeat("[", "0", 6291452, ']'), repeat("[", "[]", 1048576, ']'),
+                             repeat("{", "\"a\":0", 1048576, '}')}) {
+        std::string error;
+        EXPECT_FALSE(parseJson(text, &error));
+        EXPECT_EQ(error.rfind("JSON document too large: ", 0), 0u) << error;
+    }
+    // Brackets and separators inside a string, after an escaped quote, are neither nesting nor
+    // values.
+    EXPECT_TRUE(parseJson("[\"\\\"" + std::string(600, '[') + std::string(7000000, ',') + "\"]"));
 }
 
 TEST(Json, LenientReadersSkipOnlyBlanksAndReadEveryDigit) {
