@@ -109,14 +109,14 @@ class Agent {
             scheduler_ = scheduler;
             if (stopRequested_) scheduler->postToMain([scheduler] { scheduler->stop(); });
         }
-        // A long-running host keeps no records: it only prints, and a beacon in range for hours
+        // A long-running host prints each event as it comes, and a beacon in range for hours
         // still shows up once a minute.
         trace_ = std::make_unique<host::Trace>(
             scheduler, scheduler->now(),
             options_.json      ? host::Trace::Form::Json
             : options_.verbose ? host::Trace::Form::Verbose
                                : host::Trace::Form::Timeline,
-            /*retain=*/false, /*maxFold=*/60.0);
+            /*live=*/true, /*maxFold=*/60.0);
         recorders_ = std::make_unique<host::Recorders>(*trace_, platform_);
         recorders_->setImplemented({"local"});
         // The host shows every campaign it is told was found.

@@ -9,14 +9,14 @@ using quenby::platform::Date;
 namespace host {
 
 Trace::Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, Date start, Form form,
-             bool retain, double maxFold)
+             bool live, double maxFold, Observer observer)
     : scheduler_(std::move(scheduler)),
       start_(start),
       form_(form),
-      retain_(retain),
+      observer_(std::move(observer)),
       timeline_(form == Form::Timeline,
                 [form](const TimelineEntry& e) { print(Timeline::format(e, form == Form::Verbose)); },
-                /*live=*/!retain, maxFold) {}
+                live, maxFold) {}
 
 double Trace::now() const {
     return scheduler_->now().timeIntervalSince(start_);
@@ -34,7 +34,7 @@ void Trace::add(const std::string& type, const OrderedJson& fields) {
     r["type"] = type;
     for (const auto& [k, v] : fields.items()) r[k] = v;
     std::lock_guard lk(mu_);
-    if (retain_) records_.push_back(r);
+    if (observer_) observer_(r);
     if (form_ == Form::Json)
         print(r.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
     else
@@ -51,15 +51,6 @@ void Trace::note(const std::string& text) {
 void Trace::flush() {
     std::lock_guard lk(mu_);
     timeline_.flush();
-}
-
-std::vector<OrderedJson> Trace::records(const std::string& type) const {
-    std::lock_guard lk(mu_);
-    std::vector<OrderedJson> out;
-    for (const auto& r : records_) {
-        if (type.empty() || r["type"] == type) out.push_back(r);
-    }
-    return out;
 }
 
 OrderedJson regionJson(const QZWRegion& r) {

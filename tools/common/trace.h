@@ -4,10 +4,10 @@
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -26,12 +26,16 @@ using OrderedJson = nlohmann::ordered_json;
 class Trace {
   public:
     enum class Form { Json, Timeline, Verbose };
-    // `retain`: keep every record for records() (a run of bounded length). A long-running host
-    // keeps none: it prints each event as it comes and closes a folded ranging line at least
-    // every `maxFold` seconds.
+    // Each record as it is added, in the order printed; called under the trace's lock.
+    using Observer = std::function<void(const OrderedJson& record)>;
+
+    // The trace keeps no record (a day of 1 Hz ranging past 30 beacons is nearly a gigabyte of
+    // them): what a host reads back later it takes from the observer. `live`: a long-running host prints each
+    // event as it comes and closes a folded ranging line at least every `maxFold` seconds; a run
+    // of bounded length lets a fold run on past other lines.
     Trace(std::shared_ptr<quenby::platform::Scheduler> scheduler, quenby::platform::Date start,
-          Form form, bool retain = true,
-          double maxFold = std::numeric_limits<double>::infinity());
+          Form form, bool live = false, double maxFold = std::numeric_limits<double>::infinity(),
+          Observer observer = nullptr);
 
     // Adds one record: {"t", "type", …fields}. Thread-safe; printed at once.
     void add(const std::string& type, const OrderedJson& fields);
@@ -39,8 +43,6 @@ class Trace {
     void note(const std::string& text);
     // Prints a ranging run still being folded (at the end of a run).
     void flush();
-    // Records of one type ("" for all), for the map, the report and summaries.
-    std::vector<OrderedJson> records(const std::string& type = "") const;
     double now() const;
 
   private:
@@ -49,10 +51,9 @@ class Trace {
     std::shared_ptr<quenby::platform::Scheduler> scheduler_;
     quenby::platform::Date start_;
     Form form_;
-    bool retain_;
-    mutable std::mutex mu_;
+    Observer observer_;
+    std::mutex mu_;
     Timeline timeline_;  // guarded by mu_
-    std::vector<OrderedJson> records_;  // guarded by mu_
 };
 
 // The trace's forms of the library's objects.

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 
 #include <fmt/format.h>
@@ -80,11 +81,15 @@ void Host::setUp() {
     o.device = std::make_shared<quenby::platform::FixedDeviceInfo>(
         scenario_.device.vendorId ? UUID::parse(*scenario_.device.vendorId) : std::nullopt);
     platform_ = quenby::platform::Platform::create(std::move(o));
-    trace_ = std::make_unique<Trace>(platform_->scheduler,
-                                     quenby::platform::Date::fromSecondsSince1970(scenario_.start),
-                                     options_.json      ? Trace::Form::Json
-                                     : options_.verbose ? Trace::Form::Verbose
-                                                        : Trace::Form::Timeline);
+    digest_ =
+        std::make_unique<RunDigest>(options_.svg || options_.report, options_.report.has_value());
+    trace_ = std::make_unique<Trace>(
+        platform_->scheduler, quenby::platform::Date::fromSecondsSince1970(scenario_.start),
+        options_.json      ? Trace::Form::Json
+        : options_.verbose ? Trace::Form::Verbose
+                           : Trace::Form::Timeline,
+        /*live=*/false, std::numeric_limits<double>::infinity(),
+        [digest = digest_.get()](const OrderedJson& r) { digest->add(r); });
     trace_->note("documents: " + documents_);
 
     // The embedded server first: its address goes into every "{server}" of the scenario.
@@ -189,12 +194,9 @@ void Host::summarize() const {
                             c->fulfilled() ? "fulfilled" : "not fulfilled"));
         }
     }
-    std::map<std::string, int> received;
-    for (const auto& r : trace_->records("server")) {
-        received[r["method"].get<std::string>() + " " + r["path"].get<std::string>()]++;
-    }
     std::string line;
-    for (const auto& [what, n] : received) line += fmt::format("{}{} x{}", line.empty() ? "" : ", ", what, n);
+    for (const auto& [what, n] : digest_->received())
+        line += fmt::format("{}{} x{}", line.empty() ? "" : ", ", what, n);
     if (!line.empty()) trace_->note("  server received " + line);
     trace_->note("  documents directory: " + documents_);
 }
@@ -343,7 +345,7 @@ void Host::call(const Json& a) {
     }
 }
 
-MapScene Host::mapScene(const std::vector<OrderedJson>& records) const {
+MapScene Host::mapScene() const {
     MapScene scene;
     // Walk times count from the walk's start; the trace's from the run's.
     double offset = walk_->startedAt() - scenario_.start;
@@ -369,7 +371,7 @@ MapScene Host::mapScene(const std::vector<OrderedJson>& records) const {
         scene.beacons.push_back({b.x, b.y, label});
     }
     for (const auto& p : walk_->path()) scene.path.push_back({p.x, p.y, p.t + offset});
-    scene.markers = eventMarkers(records, [&](double t) { return walk_->positionAt(t - offset); });
+    scene.markers = digest_->markers([&](double t) { return walk_->positionAt(t - offset); });
     return scene;
 }
 
@@ -385,9 +387,8 @@ void Host::writeOutputs() {
         }
         trace_->note(fmt::format("  {}: {}", what, path));
     };
-    auto records = trace_->records();
     std::optional<MapScene> map;
-    if (walk_ && (options_.svg || options_.report)) map = mapScene(records);
+    if (walk_ && (options_.svg || options_.report)) map = mapScene();
     if (options_.svg) {
         if (map) {
             save(*options_.svg, renderMap(*map), "map");
@@ -396,14 +397,12 @@ void Host::writeOutputs() {
         }
     }
     if (options_.report) {
-        RunReport report;
-        report.scenario = options_.name.empty() ? "scenario" : options_.name;
-        report.started = quenby::platform::formatUTC(
+        std::string started = quenby::platform::formatUTC(
             quenby::platform::Date::fromSecondsSince1970(scenario_.start), false);
-        report.duration = scenario_.until;
-        report.records = std::move(records);
-        report.map = std::move(map);
-        save(*options_.report, renderReport(report), "report");
+        save(*options_.report,
+             digest_->renderReport(options_.name.empty() ? "scenario" : options_.name, started,
+                                   scenario_.until, map),
+             "report");
     }
 }
 

@@ -12,6 +12,7 @@
 #include "platform/platform.h"
 #include "sim/scenario.h"
 #include "sim/map.h"
+#include "sim/report.h"
 #include "sim/server.h"
 #include "sim/walk.h"
 
@@ -55,7 +56,7 @@ class Host {
     std::shared_ptr<const quenby::platform::Region> region(const Json& r) const;
     std::shared_ptr<QZWManager> proximity() const;
     void result(const std::string& call, const OrderedJson& value);
-    MapScene mapScene(const std::vector<OrderedJson>& records) const;
+    MapScene mapScene() const;
     // The map and the report, each named on the timeline once written.
     void writeOutputs();
     // The readable timeline's last lines: the campaigns found and what the server received.
@@ -65,6 +66,7 @@ class Host {
     RunOptions options_;
     std::string documents_, bundle_;
     std::shared_ptr<quenby::platform::Platform> platform_;
+    std::unique_ptr<RunDigest> digest_;  // before the trace that feeds it
     std::unique_ptr<Trace> trace_;
     std::unique_ptr<OperatorServer> server_;
     std::unique_ptr<host::Recorders> recorders_;

@@ -45,20 +45,6 @@ const OrderedJson& campaignEvent(const OrderedJson& r) {
     return details.is_object() && details.contains("campaign_id") ? details : none;
 }
 
-// Place names as the trace tells them, by place id.
-std::map<std::string, std::string> placeNames(const std::vector<OrderedJson>& records) {
-    std::map<std::string, std::string> names;
-    auto learn = [&](const OrderedJson& place) {
-        if (place.is_object() && place.contains("id") && member(place, "name").is_string())
-            names.emplace(plainId(place["id"]), place["name"].get<std::string>());
-    };
-    for (const auto& r : records) {
-        learn(member(r, "place"));
-        learn(member(member(r, "campaign"), "foundAt"));
-    }
-    return names;
-}
-
 struct Step {
     double t;
     std::string what;
@@ -66,37 +52,82 @@ struct Step {
 
 }  // namespace
 
-std::vector<MapScene::Marker> eventMarkers(
-    const std::vector<OrderedJson>& records,
-    const std::function<std::pair<double, double>(double)>& positionAt) {
-    using Mark = MapScene::Mark;
-    auto places = placeNames(records);
-    std::vector<MapScene::Marker> markers;
-    for (const auto& r : records) {
-        double t = r.value("t", 0.0);
-        std::optional<Mark> kind;
-        std::string label;
-        std::string name = str(r, "name");
-        if (str(r, "type") == "notification" &&
-            (name == "QZWManagerDidEnterRegion" || name == "QZWManagerDidExitRegion")) {
-            kind = name == "QZWManagerDidEnterRegion" ? Mark::Enter : Mark::Exit;
-            label = fmt::format("{} {}", kind == Mark::Enter ? "entered" : "left",
-                                regionLabel(member(member(r, "userInfo"), "QZWRegion")));
-        } else if (const auto& e = campaignEvent(r); !e.is_null()) {
-            std::string type = str(e, "event_type");
-            if (type == "found") kind = Mark::Find;
-            if (type == "viewed") kind = Mark::View;
-            if (type == "fulfilled") kind = Mark::Fulfil;
-            std::string place = plainId(member(e, "place_id"));
-            auto named = places.find(place);
-            label = fmt::format("{} {} at {}", type, plainId(member(e, "campaign_id")),
-                                named == places.end() ? "place " + place : named->second);
-        }
-        if (!kind) continue;
-        auto [x, y] = positionAt(t);
-        markers.push_back({*kind, x, y, t, fmt::format("{}, {:.1f} s", label, t)});
+RunDigest::RunDigest(bool markers, bool report)
+    : markers_(markers),
+      report_(report),
+      folder_(true, [this](const host::TimelineEntry& e) { timeline_.push_back(e); }) {}
+
+void RunDigest::add(const OrderedJson& r) {
+    std::lock_guard lk(mu_);
+    ++records_;
+    std::string type = str(r, "type"), name = str(r, "name");
+    if (type == "server") received_[str(r, "method") + " " + str(r, "path")]++;
+    if (!markers_ && !report_) return;
+    auto learn = [&](const OrderedJson& place) {
+        if (place.is_object() && place.contains("id") && member(place, "name").is_string())
+            places_.emplace(plainId(place["id"]), place["name"].get<std::string>());
+    };
+    learn(member(r, "place"));
+    learn(member(member(r, "campaign"), "foundAt"));
+    double t = r.value("t", 0.0);
+    if (markers_ && type == "notification" &&
+        (name == "QZWManagerDidEnterRegion" || name == "QZWManagerDidExitRegion")) {
+        bool enter = name == "QZWManagerDidEnterRegion";
+        events_.push_back({t, enter ? MapScene::Mark::Enter : MapScene::Mark::Exit,
+                           fmt::format("{} {}", enter ? "entered" : "left",
+                                       regionLabel(member(member(r, "userInfo"), "QZWRegion"))),
+                           {}, {}, {}});
+    } else if (const auto& e = campaignEvent(r); !e.is_null()) {
+        std::string what = str(e, "event_type");
+        std::optional<MapScene::Mark> kind;
+        if (what == "found") kind = MapScene::Mark::Find;
+        if (what == "viewed") kind = MapScene::Mark::View;
+        if (what == "fulfilled") kind = MapScene::Mark::Fulfil;
+        events_.push_back({t, kind, {}, plainId(member(e, "campaign_id")), what,
+                           plainId(member(e, "place_id")), e.contains("place_id")});
     }
-    return markers;
+    if (!report_) return;
+    if (type == "notification" && name == "QZWManagerDidEnterRegion") counts_["entered"]++;
+    if (type == "notification" && name == "QZWManagerDidExitRegion") counts_["left"]++;
+    if (type == "notification" && name == "QZWManagerDidRangeBeaconsInRegion")
+        counts_["ranging reports"]++;
+    if (type == "server") {
+        counts_["requests served"]++;
+        if (std::string body = str(r, "body"); !body.empty())
+            documents_.push_back({t, str(r, "method"), str(r, "path"), std::move(body)});
+    }
+    if (type == "log") counts_["log lines"]++;
+    if (const auto& e = campaignEvent(r); !e.is_null())
+        counts_["campaign " + str(e, "event_type")]++;
+    folder_.add(r);
+}
+
+std::map<std::string, int> RunDigest::received() const {
+    std::lock_guard lk(mu_);
+    return received_;
+}
+
+std::vector<MapScene::Marker> RunDigest::markers(
+    const std::function<std::pair<double, double>(double)>& positionAt) const {
+    std::lock_guard lk(mu_);
+    std::vector<MapScene::Marker> out;
+    for (const auto& e : events_) {
+        if (!e.mark) continue;
+        std::string label = e.label;
+        if (label.empty()) {
+            auto named = places_.find(e.place);
+            label = fmt::format("{} {} at {}", e.type, e.campaign,
+                                named == places_.end() ? "place " + e.place : named->second);
+        }
+        auto [x, y] = positionAt(e.t);
+        out.push_back({*e.mark, x, y, e.t, fmt::format("{}, {:.1f} s", label, e.t)});
+    }
+    return out;
+}
+
+std::string RunDigest::placeLabel(const std::string& p) const {
+    auto it = places_.find(p);
+    return it == places_.end() ? "place " + p : it->second + " (place " + p + ")";
 }
 
 namespace {
@@ -146,15 +177,10 @@ pre { margin: 0; padding: 10px; background: #f8fafc; border-top: 1px solid var(-
 
 }  // namespace
 
-std::string renderReport(const RunReport& report) {
-    const auto& records = report.records;
-    auto places = placeNames(records);
-    auto placeLabel = [&](const OrderedJson& id) {
-        std::string p = plainId(id);
-        auto it = places.find(p);
-        return it == places.end() ? "place " + p : it->second + " (place " + p + ")";
-    };
-
+std::string RunDigest::renderReport(const std::string& scenario, const std::string& started,
+                                    double duration, const std::optional<MapScene>& map) {
+    std::lock_guard lk(mu_);
+    folder_.flush();
     // Each campaign's story, in the order the campaigns first appear.
     std::vector<std::pair<std::string, std::vector<Step>>> stories;
     auto story = [&](const std::string& id) -> std::vector<Step>& {
@@ -162,48 +188,31 @@ std::string renderReport(const RunReport& report) {
             if (s.first == id) return s.second;
         return stories.emplace_back(id, std::vector<Step>{}).second;
     };
-    std::map<std::string, int> counts;
-    std::vector<const OrderedJson*> documents;
-    for (const auto& r : records) {
-        std::string type = str(r, "type"), name = str(r, "name");
-        double t = r.value("t", 0.0);
-        if (type == "notification" && name == "QZWManagerDidEnterRegion") counts["entered"]++;
-        if (type == "notification" && name == "QZWManagerDidExitRegion") counts["left"]++;
-        if (type == "notification" && name == "QZWManagerDidRangeBeaconsInRegion")
-            counts["ranging reports"]++;
-        if (type == "server") {
-            counts["requests served"]++;
-            if (!str(r, "body").empty()) documents.push_back(&r);
-        }
-        if (type == "log") counts["log lines"]++;
-        if (const auto& e = campaignEvent(r); !e.is_null()) {
-            std::string what = str(e, "event_type");
-            counts["campaign " + what]++;
-            std::string line = what;
-            if (e.contains("place_id")) line += " at " + placeLabel(e["place_id"]);
-            story(plainId(e["campaign_id"])).push_back({t, line});
-        }
+    for (const auto& e : events_) {
+        if (!e.label.empty()) continue;
+        story(e.campaign)
+            .push_back({e.t, e.hasPlace ? e.type + " at " + placeLabel(e.place) : e.type});
     }
 
     std::string out = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
                       "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n";
     out += fmt::format("<title>Run report: {}</title>\n<style>{}</style>\n</head>\n<body>\n<main>\n",
-                       h(report.scenario), kStyle);
+                       h(scenario), kStyle);
 
     out += fmt::format(
         "<header id=\"summary\">\n<h1>{}</h1>\n<p class=\"sub\">Simulated run from {}, {:.0f} s of "
         "virtual time, {} trace records.</p>\n<ul class=\"stats\">\n",
-        h(report.scenario), h(report.started), report.duration, records.size());
+        h(scenario), h(started), duration, records_);
     for (const char* k : {"entered", "left", "ranging reports", "campaign found", "campaign viewed",
                           "campaign fulfilled", "requests served", "log lines"}) {
-        out += fmt::format("<li><b>{}</b>{}</li>\n", counts[k], k);
+        out += fmt::format("<li><b>{}</b>{}</li>\n", counts_[k], k);
     }
     out += "</ul>\n</header>\n";
 
     out += "<section id=\"map\">\n<h2>Map</h2>\n";
-    out += report.map ? "<div class=\"scroll\">\n" + renderMap(*report.map, true) + "</div>\n"
-                      : "<p class=\"empty\">This scenario has no walk, so there is no map: the "
-                        "timeline below tells the whole run.</p>\n";
+    out += map ? "<div class=\"scroll\">\n" + renderMap(*map, true) + "</div>\n"
+               : "<p class=\"empty\">This scenario has no walk, so there is no map: the "
+                 "timeline below tells the whole run.</p>\n";
     out += "</section>\n";
 
     out += "<section id=\"campaigns\">\n<h2>Campaigns</h2>\n";
@@ -220,7 +229,7 @@ std::string renderReport(const RunReport& report) {
            "<colgroup><col class=\"t\"><col class=\"kind\"><col></colgroup>\n"
            "<thead><tr><th>time</th><th class=\"kind\">kind</th><th>what happened</th></tr>"
            "</thead>\n<tbody>\n";
-    for (const TimelineEntry& e : Timeline::of(records)) {
+    for (const TimelineEntry& e : timeline_) {
         std::string fold;
         if (e.count > 1) {
             fold = fmt::format(" <span class=\"fold\">x{} over {:.1f}–{:.1f} s", e.count, e.from,
@@ -236,15 +245,14 @@ std::string renderReport(const RunReport& report) {
     out += "</tbody>\n</table>\n</div>\n</section>\n";
 
     out += "<section id=\"documents\">\n<h2>Documents received</h2>\n";
-    if (documents.empty()) out += "<p class=\"empty\">The server received no document.</p>\n";
-    for (const OrderedJson* r : documents) {
-        std::string body = str(*r, "body");
+    if (documents_.empty()) out += "<p class=\"empty\">The server received no document.</p>\n";
+    for (const Document& d : documents_) {
+        const std::string& body = d.body;
         auto parsed = OrderedJson::parse(body, nullptr, false);
         out += fmt::format(
             "<details>\n<summary><span class=\"t\">{:.1f} s</span> <b>{} {}</b> {}</summary>\n"
             "<pre>{}</pre>\n</details>\n",
-            r->value("t", 0.0), h(str(*r, "method")), h(str(*r, "path")),
-            h(Timeline::summarizeDocument(body)),
+            d.t, h(d.method), h(d.path), h(Timeline::summarizeDocument(body)),
             h(parsed.is_discarded() ? body
                                     : parsed.dump(2, ' ', false,
                                                   nlohmann::json::error_handler_t::replace)));
