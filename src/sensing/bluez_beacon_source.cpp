@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "sensing/advertisement.h"
+#include "sensing/bluez_frame.h"
 
 namespace quenby::sensing {
 
@@ -49,19 +50,6 @@ Error bluezError(long code, std::string description) {
     return Error{BluezBeaconSource::kErrorDomain, code, std::move(description)};
 }
 
-// The iBeacon frame in a ManufacturerData value (a{qv}, company id to a byte array); nothing for
-// anything else, whatever its D-Bus type.
-std::optional<IBeaconFrame> frameFromManufacturerData(const sdbus::Variant& value) {
-    using Entries = std::map<std::uint16_t, sdbus::Variant>;
-    if (!value.containsValueOfType<Entries>()) return std::nullopt;
-    auto entries = value.get<Entries>();
-    auto apple = entries.find(kAppleCompanyId);
-    if (apple == entries.end() || !apple->second.containsValueOfType<std::vector<std::uint8_t>>())
-        return std::nullopt;
-    auto bytes = apple->second.get<std::vector<std::uint8_t>>();
-    return parseIBeaconFrame(bytes.data(), bytes.size());
-}
-
 bool hasInterface(const std::vector<std::string>& interfaces, const char* name) {
     for (const auto& i : interfaces)
         if (i == name) return true;
@@ -73,6 +61,17 @@ bool startsWith(const std::string& s, const std::string& prefix) {
 }
 
 }  // namespace
+
+std::optional<IBeaconFrame> frameFromManufacturerData(const sdbus::Variant& value) {
+    using Entries = std::map<std::uint16_t, sdbus::Variant>;
+    if (!value.containsValueOfType<Entries>()) return std::nullopt;
+    auto entries = value.get<Entries>();
+    auto apple = entries.find(kAppleCompanyId);
+    if (apple == entries.end() || !apple->second.containsValueOfType<std::vector<std::uint8_t>>())
+        return std::nullopt;
+    auto bytes = apple->second.get<std::vector<std::uint8_t>>();
+    return parseIBeaconFrame(bytes.data(), bytes.size());
+}
 
 // Threads. Everything about the bus lives on one thread of the source's own: it owns the
 // connection, runs its event loop (poll on the connection plus an eventfd for work handed over

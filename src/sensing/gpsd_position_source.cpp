@@ -17,6 +17,8 @@
 #include <thread>
 
 #include "platform/console.h"
+#include "platform/json.h"
+#include "sensing/gpsd_report.h"
 
 namespace quenby::sensing {
 
@@ -26,9 +28,34 @@ constexpr double kFirstBackoff = 0.25;  // seconds
 
 // Error codes in the "gpsd" domain besides libgps's own (negative) connection codes.
 constexpr long kClosed = 1;      // gpsd closed the connection
-constexpr long kUnreadable = 2;  // a report longer than libgps's buffer, or a read error
+constexpr long kUnreadable = 2;  // a report longer than kMaxReportLine, or a read error
+
+// gpsd's longest reports (SKY with every satellite, AIS) stay under 10 kB.
+constexpr std::size_t kMaxReportLine = 20000;
 
 }  // namespace
+
+std::optional<Fix> fixFromReport(const gps_data_t& data, platform::Date at) {
+    constexpr gps_mask_t kNeeded = MODE_SET | LATLON_SET;
+    if ((data.set & kNeeded) != kNeeded || data.fix.mode < MODE_2D) return std::nullopt;
+    double lat = data.fix.latitude, lng = data.fix.longitude;
+    if (!std::isfinite(lat) || !std::isfinite(lng) || std::fabs(lat) > 90 || std::fabs(lng) > 180)
+        return std::nullopt;
+    double error = -1;
+    if (std::isfinite(data.fix.eph)) {
+        error = data.fix.eph;
+    } else if (std::isfinite(data.fix.epx) || std::isfinite(data.fix.epy)) {
+        error = std::fmax(data.fix.epx, data.fix.epy);  // fmax skips a NaN
+    }
+    return Fix{lat, lng, error, at};
+}
+
+bool decodeReport(std::string line, gps_data_t& data) {
+    auto json = platform::parseJson(line);
+    if (!json || !json->is_object()) return false;
+    data.set = 0;
+    return gps_unpack(line.data(), &data) == 0;
+}
 
 struct GpsdPositionSource::Impl {
     // Set before the reader starts and never changed: read freely from every thread.
@@ -86,19 +113,9 @@ struct GpsdPositionSource::Impl {
     }
 
     void handle(const gps_data_t& data) {
-        constexpr gps_mask_t kNeeded = MODE_SET | LATLON_SET;
-        if ((data.set & kNeeded) != kNeeded || data.fix.mode < MODE_2D) return;
-        double lat = data.fix.latitude, lng = data.fix.longitude;
-        if (!std::isfinite(lat) || !std::isfinite(lng) || std::fabs(lat) > 90 ||
-            std::fabs(lng) > 180)
-            return;
-        double error = -1;
-        if (std::isfinite(data.fix.eph)) {
-            error = data.fix.eph;
-        } else if (std::isfinite(data.fix.epx) || std::isfinite(data.fix.epy)) {
-            error = std::fmax(data.fix.epx, data.fix.epy);  // fmax skips a NaN
-        }
-        Fix f{lat, lng, error, scheduler->now()};
+        auto fix = fixFromReport(data, scheduler->now());
+        if (!fix) return;
+        Fix f = *fix;
         std::weak_ptr<GeofenceMonitor> m = monitor;
         // Counted where the fix reaches the monitor. The task may run after this source is gone
         // (then it does nothing), so it holds the counters weakly.
@@ -116,6 +133,7 @@ struct GpsdPositionSource::Impl {
     template <class F>
     std::optional<std::pair<long, std::string>> readUntilLost(gps_data_t& data, F onFirstReport) {
         bool first = true;
+        std::string pending;  // what came after the last whole line
         pollfd fds[2] = {{data.gps_fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
         for (;;) {
             int n = ::poll(fds, 2, -1);
@@ -126,29 +144,36 @@ struct GpsdPositionSource::Impl {
             }
             if (fds[1].revents) return std::nullopt;
             if (!fds[0].revents) continue;
-            // The socket is non-blocking: gps_read answers 0 once only part of a line is left.
+            // The socket is non-blocking: read what is there, decode every whole line.
             for (;;) {
-                data.set = 0;
-                errno = 0;
-                int r = gps_read(&data, nullptr, 0);
-                if (r == 0) break;
-                if (r < 0) {
-                    int err = errno;
-                    char probe;
-                    if (err == 0 && ::recv(data.gps_fd, &probe, 1, MSG_PEEK | MSG_DONTWAIT) == 0)
-                        return std::pair{kClosed, std::string("gpsd closed the connection")};
-                    if (err != 0)
-                        return std::pair{kUnreadable, std::string("read: ") + std::strerror(err)};
-                    return std::pair{kUnreadable, std::string("unreadable report from gpsd")};
+                char buf[4096];
+                ssize_t got = ::recv(data.gps_fd, buf, sizeof buf, MSG_DONTWAIT);
+                if (got == 0) return std::pair{kClosed, std::string("gpsd closed the connection")};
+                if (got < 0) {
+                    if (errno == EINTR) continue;
+                    if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+                    return std::pair{kUnreadable, std::string("read: ") + std::strerror(errno)};
                 }
-                // A line libgps could not make a gpsd message of sets nothing but PACKET_SET;
-                // only a real message shows that gpsd is there.
-                if ((data.set & ~PACKET_SET) == 0) continue;
-                if (first) {
-                    first = false;
-                    onFirstReport();
+                pending.append(buf, static_cast<std::size_t>(got));
+                std::size_t start = 0;
+                for (std::size_t nl; (nl = pending.find('\n', start)) != std::string::npos;
+                     start = nl + 1) {
+                    if (nl - start > kMaxReportLine) break;
+                    // A line that is no gpsd message (or one libgps makes nothing of) is skipped;
+                    // only a real message shows that gpsd is there.
+                    if (!decodeReport(pending.substr(start, nl - start), data)) continue;
+                    if ((data.set & ~PACKET_SET) == 0) continue;
+                    if (first) {
+                        first = false;
+                        onFirstReport();
+                    }
+                    handle(data);
                 }
-                handle(data);
+                pending.erase(0, start);
+                std::size_t line = pending.find('\n');
+                if (std::min(line, pending.size()) > kMaxReportLine)
+                    return std::pair{kUnreadable, std::string("unreadable report from gpsd: a line over ") +
+                                                      std::to_string(kMaxReportLine) + " bytes"};
             }
         }
     }

@@ -331,9 +331,12 @@ TEST_F(GpsdTest, ReportsAreDecodedAsGpsdMeansThem) {
 
 TEST_F(GpsdTest, APeerSendingGarbageIsAnOutageRetried) {
     RawPeer peer;
-    // Lines libgps makes nothing of, then one longer than the 20 kB it holds of a line.
+    // Lines libgps makes nothing of (the third one sends its decoder into a loop of minutes),
+    // then one longer than any gpsd report.
     std::string junk =
-        "HTTP/1.1 400 Bad Request\r\n{\"class\":\"NOPE\"}\n" + std::string(100000, 'x');
+        "HTTP/1.1 400 Bad Request\r\n{\"class\":\"NOPE\"}\n"
+        "{\"cl{\"class\":\"TPV\",\"mode\":2,\"lat\":40.0,ass\":\"TPV\"lo{\"class\":\"TPV\",\"mode\":2,n\":-7\n" +
+        std::string(100000, 'x');
     follow(peer.port());
     ASSERT_TRUE(until([&] { return peer.accept(); })) << seen();
     peer.send(junk);
