@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test demo asan tsan bench crash-campaign format clean
+.PHONY: all deps configure build test demo asan tsan bench crash-campaign format clean fuzz fuzz-build fuzz-replay
 
 all: build
 
@@ -19,6 +19,7 @@ build: configure
 
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+	@$(MAKE) --no-print-directory fuzz-replay
 
 # The bundled example: a shopper's walk through a store, on virtual time, with the operator's
 # server embedded. The map of the walk goes to $(BUILD)/shopper.svg, the run report (map, timeline,
@@ -47,5 +48,39 @@ crash-campaign: configure
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
+# Fuzzing (see README, "Fuzzing"). The targets are built with clang, libFuzzer and ASan+UBSan in
+# build-fuzz/, and each runs FUZZ_SECONDS on its corpus, one after another, niced. New inputs go to
+# build-fuzz/corpus/<target>/ (the seeds in fuzz/corpus/ stay as they are), crashes to
+# build-fuzz/crashes/<target>/.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= kit kit_cache status feed campaign_records state plist json image_matcher scenario ibeacon gpsd bluez
+FUZZ_FLAGS   ?= -rss_limit_mb=2048 -malloc_limit_mb=2048 -timeout=10
+
+fuzz-build: deps
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DQUENBY_FUZZ=ON -DQUENBY_BUILD_TESTS=OFF \
+	  -DCMAKE_BUILD_TYPE= -DCMAKE_CXX_FLAGS="-O1 -g" $(CMAKE_ARGS) >/dev/null
+	@cmake --build $(FUZZ_BUILD) --target fuzz_all -j $(JOBS)
+
+fuzz: fuzz-build
+	@for t in $(FUZZ_TARGETS); do \
+	  mkdir -p $(FUZZ_BUILD)/corpus/$$t $(FUZZ_BUILD)/crashes/$$t; \
+	  nice $(FUZZ_BUILD)/bin/fuzz_$$t $(FUZZ_FLAGS) -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=$(FUZZ_BUILD)/crashes/$$t/ $(FUZZ_BUILD)/corpus/$$t fuzz/corpus/$$t \
+	    >$(FUZZ_BUILD)/$$t.log 2>&1; \
+	  fuzz/summary.sh $$t $(FUZZ_BUILD)/$$t.log $(FUZZ_BUILD)/crashes/$$t; \
+	done
+
+# Every seed and every crash ever kept in fuzz/, replayed once under ASan+UBSan (gcc, no
+# libFuzzer): a separate build of only the libraries the targets need. Part of `make test`; it
+# takes none of CMAKE_ARGS, which `make asan`/`make tsan` fill for their own builds.
+FUZZ_REPLAY_BUILD ?= build-fuzz-replay
+FUZZ_REPLAY_ARGS  ?=
+fuzz-replay: deps
+	@cmake -S . -B $(FUZZ_REPLAY_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQUENBY_SANITIZE=address \
+	  -DQUENBY_FUZZ_REPLAY=ON -DQUENBY_BUILD_TESTS=OFF $(FUZZ_REPLAY_ARGS) >/dev/null
+	@cmake --build $(FUZZ_REPLAY_BUILD) --target fuzz_all -j $(JOBS)
+	@ctest --test-dir $(FUZZ_REPLAY_BUILD) --output-on-failure -j $(JOBS)
+
 clean:
-	@rm -rf build build-asan build-tsan
+	@rm -rf build build-asan build-tsan build-fuzz build-fuzz-replay

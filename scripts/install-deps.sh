@@ -12,6 +12,9 @@ packages=(
   libsdbus-c++-dev libsystemd-dev libgps-dev
   dbus-daemon python3-dbusmock python3-dbus gpsd gpsd-clients
   chromium librsvg2-bin
+  python3 time
+  # make fuzz: clang with libFuzzer's runtime (the one that matches clang 14, Debian 12's clang)
+  clang libclang-rt-14-dev
 )
 
 missing=()
