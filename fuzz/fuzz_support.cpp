@@ -35,13 +35,13 @@ FuzzPlatform::FuzzPlatform(const std::map<std::string, std::string>& bundle) {
     o.applicationId = "com.example.fuzz";
     o.bundleDirectory = root + "/bundle";
     o.documentsDirectory = root + "/documents";
-    o.clock = std::make_shared<platform::VirtualClock>(platform::Date::fromSecondsSince1970(kFuzzStart));
+    o.clock =
+        std::make_shared<platform::VirtualClock>(platform::Date::fromSecondsSince1970(kFuzzStart));
     o.http = http;
     o.files = files;
     o.device = std::make_shared<platform::FixedDeviceInfo>(
         platform::UUID::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F"));
     platform = platform::Platform::create(o);
 }
-
 
 }  // namespace quenby::fuzz

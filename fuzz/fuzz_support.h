@@ -124,6 +124,12 @@ struct FuzzPlatform {
     explicit FuzzPlatform(const std::map<std::string, std::string>& bundle = {});
 };
 
+// The console silenced and a platform made, once per process: `static auto* fp = quietPlatform();`.
+inline FuzzPlatform* quietPlatform(const std::map<std::string, std::string>& bundle = {}) {
+    silenceConsole();
+    return new FuzzPlatform(bundle);
+}
+
 // 2026-03-01T09:00:00Z, the day the campaign samples are written around.
 inline constexpr double kFuzzStart = 1772355600.0;
 

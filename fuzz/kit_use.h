@@ -54,24 +54,24 @@ inline void useKitAnswer(const std::optional<platform::Json>& answer) {
     }
     // A ranging report holding every beacon of the kit, as the location service would read them.
     std::size_t n = 0;
-    kit->enumerateIBeaconsUsingBlock([&](const std::shared_ptr<const QZWBeacon>& b, std::size_t,
-                                         bool& stop) {
-        useRegion(*b);
-        (void)b->hash();
-        if (b->uuid()) {
-            platform::Beacon live;
-            live.proximityUUID = *b->uuid();
-            live.major = b->major() ? b->major()->intValue() & 0xffff : 0;
-            live.minor = b->minor() ? b->minor()->intValue() & 0xffff : 0;
-            live.proximity = 2;
-            live.accuracy = 1.5;
-            live.rssi = -60;
-            auto ranged = kit->getIBeaconForCLBeacon(live);
-            if (!ranged) std::abort();
-            useRegion(*ranged);
-        }
-        stop = ++n >= 256;  // a huge kit says nothing more after the first few hundred
-    });
+    kit->enumerateIBeaconsUsingBlock(
+        [&](const std::shared_ptr<const QZWBeacon>& b, std::size_t, bool& stop) {
+            useRegion(*b);
+            (void)b->hash();
+            if (b->uuid()) {
+                platform::Beacon live;
+                live.proximityUUID = *b->uuid();
+                live.major = b->major() ? b->major()->intValue() & 0xffff : 0;
+                live.minor = b->minor() ? b->minor()->intValue() & 0xffff : 0;
+                live.proximity = 2;
+                live.accuracy = 1.5;
+                live.rssi = -60;
+                auto ranged = kit->getIBeaconForCLBeacon(live);
+                if (!ranged) std::abort();
+                useRegion(*ranged);
+            }
+            stop = ++n >= 256;  // a huge kit says nothing more after the first few hundred
+        });
 }
 
 }  // namespace quenby::fuzz

@@ -42,16 +42,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (!in.take(length, body)) break;
         std::vector<std::uint8_t> bytes(body, body + length);
         switch (h[2] % 4) {
-            case 0: entries[company] = sdbus::Variant(bytes); break;
+            case 0:
+                entries[company] = sdbus::Variant(bytes);
+                break;
             case 1: {
                 // D-Bus carries only valid UTF-8 without NUL as a string.
                 std::string hex;
-                for (auto b : bytes) hex += "0123456789abcdef"[b >> 4], hex += "0123456789abcdef"[b & 15];
+                for (auto b : bytes)
+                    hex += "0123456789abcdef"[b >> 4], hex += "0123456789abcdef"[b & 15];
                 entries[company] = sdbus::Variant(hex);
                 break;
             }
-            case 2: entries[company] = sdbus::Variant(static_cast<std::uint32_t>(bytes.size())); break;
-            default: entries[company] = sdbus::Variant(std::vector<std::int16_t>(bytes.begin(), bytes.end())); break;
+            case 2:
+                entries[company] = sdbus::Variant(static_cast<std::uint32_t>(bytes.size()));
+                break;
+            default:
+                entries[company] =
+                    sdbus::Variant(std::vector<std::int16_t>(bytes.begin(), bytes.end()));
+                break;
         }
         if (company == sensing::kAppleCompanyId) {
             appleIsBytes = h[2] % 4 == 0;
@@ -60,14 +68,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     sdbus::Variant value;
     switch (data[0] % 3) {
-        case 0: value = sdbus::Variant(entries); break;
+        case 0:
+            value = sdbus::Variant(entries);
+            break;
         case 1: {
             std::map<std::string, sdbus::Variant> named;
             for (auto& [k, v] : entries) named[std::to_string(k)] = v;
             value = sdbus::Variant(named);
             break;
         }
-        default: value = sdbus::Variant(std::vector<std::uint8_t>(data, data + size)); break;
+        default:
+            value = sdbus::Variant(std::vector<std::uint8_t>(data, data + size));
+            break;
     }
     auto frame = sensing::frameFromManufacturerData(value);
     bool expected = data[0] % 3 == 0 && apple && appleIsBytes &&

@@ -33,10 +33,7 @@ void roundTrip(const std::shared_ptr<platform::Platform>& p, const std::shared_p
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform();
-    }();
+    static auto* fp = fuzz::quietPlatform();
     auto value = platform::unarchiveJson(fuzz::bytes(data, size));
     if (!value) return 0;
     if (auto c = LWCampaign::fromArchive(fp->platform, *value)) {

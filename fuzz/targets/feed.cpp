@@ -19,10 +19,8 @@ const char* kLurewavePlist = R"(<?xml version="1.0" encoding="UTF-8"?>
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform(std::map<std::string, std::string>{{"Lurewave.plist", kLurewavePlist}});
-    }();
+    static auto* fp =
+        fuzz::quietPlatform(std::map<std::string, std::string>{{"Lurewave.plist", kLurewavePlist}});
     static auto config = std::make_shared<LWConfig>(*fp->platform);
     config->setSynced(platform::Json());
     auto feed = fuzz::bytes(data, size);

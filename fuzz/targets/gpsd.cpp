@@ -13,10 +13,7 @@
 using namespace quenby;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform();
-    }();
+    static auto* fp = fuzz::quietPlatform();
     static auto* monitor = [] {
         auto& p = *fp->platform;
         static auto manager = p.location->createLocationManager();

@@ -22,7 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (html.size() <= 96) {
         static const std::regex re("<img[^>]+src=[\"']([^\"']+)[\"'][^>]*>");
         std::vector<LWImagePreloader::Match> expected;
-        for (auto it = std::sregex_iterator(html.begin(), html.end(), re); it != std::sregex_iterator(); ++it) {
+        for (auto it = std::sregex_iterator(html.begin(), html.end(), re);
+             it != std::sregex_iterator(); ++it) {
             expected.push_back({static_cast<std::size_t>(it->position(1)),
                                 static_cast<std::size_t>(it->length(1))});
         }

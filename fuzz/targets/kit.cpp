@@ -7,17 +7,15 @@
 using namespace quenby;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform();
-    }();
+    static auto* fp = fuzz::quietPlatform();
     fp->files->clear();
     auto url = platform::Url::parse("https://kits.example.com/api/kits/42");
     QZWAPIRequest api(fp->platform, "zw-token");
     auto body = fuzz::bytes(data, size);
     bool called = false;
     api.processResponseDataErrorUrlHandler(
-        body, std::nullopt, url, [&](std::optional<platform::Error> error, std::optional<platform::Json> answer) {
+        body, std::nullopt, url,
+        [&](std::optional<platform::Error> error, std::optional<platform::Json> answer) {
             called = true;
             // An empty answer is no answer: the (missing) cached copy stands in.
             if (body.empty() != error.has_value()) std::abort();

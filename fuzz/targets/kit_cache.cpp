@@ -6,10 +6,7 @@
 using namespace quenby;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform();
-    }();
+    static auto* fp = fuzz::quietPlatform();
     fp->files->clear();
     auto url = platform::Url::parse("https://kits.example.com/api/kits/42");
     QZWAPIRequest api(fp->platform, "zw-token");

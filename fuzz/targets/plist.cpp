@@ -1,7 +1,7 @@
 // Property lists, XML and binary, as the bundle reader takes them; what reads must write out
 // as XML and read back.
-#include "fuzz_support.h"
 #include "platform/plist.h"
+#include "fuzz_support.h"
 
 using namespace quenby;
 

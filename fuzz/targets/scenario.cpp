@@ -1,7 +1,7 @@
 // The simulator's scenario files: checked whole, and refused with a ScenarioError, never anything
 // else.
-#include "fuzz_support.h"
 #include "sim/scenario.h"
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {

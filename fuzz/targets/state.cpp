@@ -26,13 +26,11 @@ struct Host : LWManagerDelegate {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform(
-            std::map<std::string, std::string>{{"Info.plist", kInfoPlist}, {"Lurewave.plist", kLurewavePlist}});
-    }();
+    static auto* fp = fuzz::quietPlatform(std::map<std::string, std::string>{
+        {"Info.plist", kInfoPlist}, {"Lurewave.plist", kLurewavePlist}});
     static auto* host = new std::shared_ptr<Host>(std::make_shared<Host>());
-    static auto* manager = new std::shared_ptr<LWManager>(LWManager::managerWithDelegate(fp->platform, *host));
+    static auto* manager =
+        new std::shared_ptr<LWManager>(LWManager::managerWithDelegate(fp->platform, *host));
     LWManager& m = **manager;
 
     fp->files->clear();

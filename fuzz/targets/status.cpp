@@ -6,10 +6,7 @@
 using namespace quenby;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static auto* fp = [] {
-        fuzz::silenceConsole();
-        return new fuzz::FuzzPlatform();
-    }();
+    static auto* fp = fuzz::quietPlatform();
     fp->files->clear();
     auto body = fuzz::bytes(data, size);
     QTLAPIRequest api(fp->platform, "status-token");
@@ -18,26 +15,29 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         auto url = platform::Url::parseReference(where);
         std::optional<platform::Json> answered;
         bool ok = false;
-        api.processResponseData(body, std::nullopt, url,
-                                [&](std::optional<platform::Error> e, std::optional<platform::Json> j) {
-                                    ok = !e;
-                                    answered = std::move(j);
-                                });
+        api.processResponseData(
+            body, std::nullopt, url,
+            [&](std::optional<platform::Error> e, std::optional<platform::Json> j) {
+                ok = !e;
+                answered = std::move(j);
+            });
         if (ok == body.empty()) std::abort();
         if (answered) (void)platform::describeJson(*answered);
 
         // The exchange after it fails: the file copy must read as the answer did.
         std::optional<platform::Json> fromCache;
         bool failed = false;
-        api.processResponseData({}, platform::Error{"curl", 28, "Timeout was reached"}, url,
-                                [&](std::optional<platform::Error> e, std::optional<platform::Json> j) {
-                                    failed = e.has_value();
-                                    fromCache = std::move(j);
-                                });
+        api.processResponseData(
+            {}, platform::Error{"curl", 28, "Timeout was reached"}, url,
+            [&](std::optional<platform::Error> e, std::optional<platform::Json> j) {
+                failed = e.has_value();
+                fromCache = std::move(j);
+            });
         if (!failed) std::abort();
         if (answered.has_value() != fromCache.has_value()) std::abort();
-        if (answered && answered->dump(-1, ' ', false, platform::Json::error_handler_t::replace) !=
-                            fromCache->dump(-1, ' ', false, platform::Json::error_handler_t::replace))
+        if (answered &&
+            answered->dump(-1, ' ', false, platform::Json::error_handler_t::replace) !=
+                fromCache->dump(-1, ' ', false, platform::Json::error_handler_t::replace))
             std::abort();
     }
     return 0;
