@@ -3,6 +3,8 @@ BUILD      ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
+# The builds' own progress is enough; no "Entering directory" lines around it.
+MAKEFLAGS  += --no-print-directory
 
 .PHONY: all deps configure build test demo asan tsan bench crash-campaign format clean fuzz fuzz-build fuzz-replay
 
