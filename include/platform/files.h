@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,12 @@ class FileSystem {
     virtual std::optional<Error> writeFile(const std::string& path, const Bytes& data,
                                            bool atomically) = 0;
     virtual bool fileExists(const std::string& path) const = 0;
+    // Size in bytes without reading the file; nothing when it is missing or cannot be read. The
+    // default reads it, which suits file systems held in memory.
+    virtual std::optional<std::uint64_t> fileSize(const std::string& path) const {
+        auto data = readFile(path);
+        return data ? std::optional<std::uint64_t>(data->size()) : std::nullopt;
+    }
 };
 
 class LocalFileSystem final : public FileSystem {
@@ -34,6 +41,7 @@ class LocalFileSystem final : public FileSystem {
     std::optional<Error> writeFile(const std::string& path, const Bytes& data,
                                    bool atomically) override;
     bool fileExists(const std::string& path) const override;
+    std::optional<std::uint64_t> fileSize(const std::string& path) const override;
 };
 
 // `text` made safe as (part of) a file name: "/" becomes "%2F" and NUL "%00", so that a name

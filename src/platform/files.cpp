@@ -37,6 +37,12 @@ int writeAll(int fd, const Bytes& data) {
 
 }  // namespace
 
+std::optional<std::uint64_t> LocalFileSystem::fileSize(const std::string& path) const {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+    return static_cast<std::uint64_t>(st.st_size);
+}
+
 std::optional<Bytes> LocalFileSystem::readFile(const std::string& path) const {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;

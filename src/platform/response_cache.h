@@ -2,7 +2,6 @@
 // fails. One file per URL path in the documents directory (see cacheFileName).
 #pragma once
 
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,12 +31,11 @@ class ResponseCache {
     }
     // Nothing when there is no file, it is empty or it is larger than the cap. No answer over the
     // cap is ever written, but a file left by an older version or put there by hand could be any
-    // size: its size is asked of the disk before it is read.
+    // size: its size is asked before it is read.
     std::optional<Bytes> read(const Url& url) const {
         std::string path = pathFor(url);
-        std::error_code ec;
-        auto size = std::filesystem::file_size(path, ec);
-        if (!ec && size > maxBytes_) {
+        auto size = files_->fileSize(path);
+        if (size && *size > maxBytes_) {
             consoleWrite("Cache file ignored, larger than " + std::to_string(maxBytes_) +
                          " bytes: " + path);
             return std::nullopt;

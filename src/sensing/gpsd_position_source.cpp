@@ -51,8 +51,10 @@ std::optional<Fix> fixFromReport(const gps_data_t& data, platform::Date at) {
 }
 
 bool decodeReport(std::string line, gps_data_t& data) {
-    auto json = platform::parseJson(line);
-    if (!json || !json->is_object()) return false;
+    // Checked without building a tree: libgps decodes the line itself next.
+    auto first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos || line[first] != '{' || !platform::Json::accept(line))
+        return false;
     data.set = 0;
     return gps_unpack(line.data(), &data) == 0;
 }
