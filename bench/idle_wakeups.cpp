@@ -29,7 +29,8 @@ namespace {
 
 struct ThreadStats {
     std::string name;
-    long switches = 0;
+    long voluntary = 0;    // the thread blocked: a wake-up it needed
+    long involuntary = 0;  // the thread was preempted: the machine's load, not the library
 };
 
 // Context switches of every thread of this process, by thread id.
@@ -46,8 +47,10 @@ std::map<int, ThreadStats> threadStats() {
         std::ifstream status(base + "/status");
         for (std::string line; std::getline(status, line);) {
             auto colon = line.find(':');
-            if (colon != std::string::npos && line.find("ctxt_switches") != std::string::npos)
-                s.switches += std::atol(line.c_str() + colon + 1);
+            if (colon == std::string::npos) continue;
+            long n = std::atol(line.c_str() + colon + 1);
+            if (line.rfind("voluntary_ctxt_switches", 0) == 0) s.voluntary = n;
+            if (line.rfind("nonvoluntary_ctxt_switches", 0) == 0) s.involuntary = n;
         }
         out[std::atoi(e->d_name)] = s;
     }
@@ -102,9 +105,13 @@ int main(int argc, char** argv) {
     manager->start();
 
     std::map<int, ThreadStats> before;
+    std::size_t requestsBefore = 0;
     std::thread clock([&] {
         std::this_thread::sleep_for(std::chrono::duration<double>(kStartUp));
-        p->scheduler->postToMain([&] { before = threadStats(); });
+        p->scheduler->postToMain([&] {
+            before = threadStats();
+            requestsBefore = server.requests().size();
+        });
         std::this_thread::sleep_for(std::chrono::duration<double>(span));
         p->scheduler->postToMain([&] { p->scheduler->stop(); });
     });
@@ -112,26 +119,48 @@ int main(int argc, char** argv) {
     auto after = threadStats();
     clock.join();
 
-    long scheduler = 0, other = 0;
-    int schedulerThreads = 0;
+    // By thread: a wake-up is a voluntary switch (the thread slept and was woken); involuntary
+    // switches are preemptions by the rest of the machine and are shown apart.
+    struct Count {
+        int threads = 0;
+        long voluntary = 0, involuntary = 0;
+    };
+    std::map<std::string, Count> byName;
+    Count other;
     for (const auto& [tid, s] : after) {
         auto b = before.find(tid);
-        long n = s.switches - (b == before.end() ? 0 : b->second.switches);
-        if (isScheduler(s.name)) {
-            scheduler += n;
-            ++schedulerThreads;
-        } else {
-            other += n;
-        }
+        // A thread id may have been reused by a thread started since: count that one whole.
+        bool same = b != before.end() && b->second.name == s.name &&
+                    b->second.voluntary <= s.voluntary && b->second.involuntary <= s.involuntary;
+        ThreadStats was = same ? b->second : ThreadStats{};
+        Count& c = isScheduler(s.name) ? byName[s.name] : other;
+        ++c.threads;
+        c.voluntary += s.voluntary - was.voluntary;
+        c.involuntary += s.involuntary - was.involuntary;
     }
     // The host's own two wakes for the measurement's start and stop are not the library's.
-    scheduler = std::max(0L, scheduler - 2);
+    if (byName.count("quenby-host"))
+        byName["quenby-host"].voluntary = std::max(0L, byName["quenby-host"].voluntary - 2);
+    long wakes = 0, preempted = 0;
+    for (const auto& [name, c] : byName) {
+        wakes += c.voluntary;
+        preempted += c.involuntary;
+    }
+    auto requests = server.requests();
+    std::map<std::string, int> served;
+    for (std::size_t i = requestsBefore; i < requests.size(); ++i)
+        ++served[requests[i].method + " " + requests[i].path];
     std::printf("idle started manager, system clock, %.0f s after %.0f s of start-up\n", span,
                 kStartUp);
-    std::printf("  scheduler threads (host, timer, pool): %d\n", schedulerThreads);
-    std::printf("  wake-ups: %ld (%.1f per minute)\n", scheduler, scheduler * 60 / span);
-    std::printf("  other threads (operator server, measurement): %ld\n", other);
-    std::printf("  requests served: %zu\n", server.requests().size());
+    std::printf("  wake-ups: %ld (%.1f per minute)\n", wakes, wakes * 60 / span);
+    for (const auto& [name, c] : byName)
+        std::printf("    %-13s %d thread(s): %ld wake-ups, %ld preempted\n", name.c_str(),
+                    c.threads, c.voluntary, c.involuntary);
+    std::printf("  preempted by the machine's load (not counted): %ld\n", preempted);
+    std::printf("  other threads (operator server, measurement): %ld\n",
+                other.voluntary + other.involuntary);
+    std::printf("  requests served in the span:%s\n", served.empty() ? " none" : "");
+    for (const auto& [what, n] : served) std::printf("    %-13s %d\n", what.c_str(), n);
     manager->stop();
     return 0;
 }

@@ -80,7 +80,36 @@ std::unique_ptr<Child> Child::spawn(const std::vector<std::string>& argv,
     posix_spawn_file_actions_destroy(&fa);
     posix_spawnattr_destroy(&attr);
     if (rc != 0) return nullptr;
+    c->guardGroup();
     return c;
+}
+
+// A test process that dies without running destructors (an abort, a sanitizer's halt, a kill -9)
+// must not leave its daemons behind. A sentinel in the child's group holds the read end of a pipe
+// whose only write end is this process's: when this process goes, the sentinel reads end of file
+// and kills the whole group, grandchildren (gpsd under gpsfake) included.
+void Child::guardGroup() {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, fds[0], 0);
+    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, pid_);
+    const char* argv[] = {"/bin/sh", "-c", "read _; kill -KILL 0", nullptr};
+    int rc = posix_spawn(&sentinel_, "/bin/sh", &fa, &attr, const_cast<char**>(argv), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    posix_spawnattr_destroy(&attr);
+    ::close(fds[0]);
+    if (rc != 0) {
+        sentinel_ = -1;
+        ::close(fds[1]);
+        return;
+    }
+    sentinelPipe_ = fds[1];
 }
 
 Child::~Child() {
@@ -126,8 +155,16 @@ void Child::stop() {
             wait(5.0);
         }
     }
-    // Whatever the leader left behind in its group goes too.
+    // Whatever the leader left behind in its group goes too, the sentinel with it.
     ::kill(-pid_, SIGKILL);
+    if (sentinel_ > 0) {
+        waitpid(sentinel_, nullptr, 0);
+        sentinel_ = -1;
+    }
+    if (sentinelPipe_ >= 0) {
+        ::close(sentinelPipe_);
+        sentinelPipe_ = -1;
+    }
 }
 
 std::string Child::output() const {

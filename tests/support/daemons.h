@@ -20,7 +20,8 @@ namespace quenby::testing {
 bool waitFor(const std::function<bool()>& pred, double seconds = 10.0);
 
 // A child process in a process group of its own. Its standard output and error go to a file
-// (output()). The destructor stops the whole group: SIGTERM, then SIGKILL after two seconds.
+// (output()). The destructor stops the whole group: SIGTERM, then SIGKILL after two seconds; the
+// group is killed too when this process dies without running it.
 class Child {
   public:
     // Runs argv[0] (searched on PATH) with the current environment plus `env`.
@@ -44,7 +45,10 @@ class Child {
 
   private:
     Child() = default;
+    void guardGroup();
     pid_t pid_ = -1;
+    pid_t sentinel_ = -1;    // in the child's group, killing it once this process is gone
+    int sentinelPipe_ = -1;  // its only write end
     std::optional<int> status_;
     std::string outputFile_;
 };
