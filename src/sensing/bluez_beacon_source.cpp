@@ -18,7 +18,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -73,6 +72,44 @@ std::optional<IBeaconFrame> frameFromManufacturerData(const sdbus::Variant& valu
     return parseIBeaconFrame(bytes.data(), bytes.size());
 }
 
+BluezDevices::Update BluezDevices::update(const std::string& path, const Properties& changed,
+                                          const std::vector<std::string>& invalidated,
+                                          bool announce) {
+    auto mdata = changed.find("ManufacturerData");
+    auto rssi = changed.find("RSSI");
+    bool frameGone = hasInterface(invalidated, "ManufacturerData");
+    bool rssiGone = hasInterface(invalidated, "RSSI");
+    bool frameSent = mdata != changed.end(), rssiSent = rssi != changed.end();
+    if (!frameSent && !rssiSent && !frameGone && !rssiGone) return {};
+
+    auto& d = devices_[path];
+    bool malformed = false;
+    if (frameSent) {
+        d.frame = frameFromManufacturerData(mdata->second);
+    } else if (frameGone) {
+        d.frame.reset();
+    }
+    if (rssiSent) {
+        if (rssi->second.containsValueOfType<std::int16_t>()) {
+            d.rssi = rssi->second.get<std::int16_t>();
+        } else {
+            malformed = true;
+        }
+    } else if (rssiGone) {
+        d.rssi.reset();
+    }
+    if (!announce) return {Update::Recorded, {}, 0};
+    // An invalidation alone leaves the device without a frame or a strength: no sighting.
+    if (malformed || !d.frame || !d.rssi) return {Update::Ignored, {}, 0};
+    return {Update::Heard, *d.frame, *d.rssi};
+}
+
+void BluezDevices::removeUnder(const std::string& adapterPath) {
+    std::string prefix = adapterPath + "/";
+    for (auto it = devices_.begin(); it != devices_.end();)
+        it = startsWith(it->first, prefix) ? devices_.erase(it) : std::next(it);
+}
+
 // Threads. Everything about the bus lives on one thread of the source's own: it owns the
 // connection, runs its event loop (poll on the connection plus an eventfd for work handed over
 // from the host thread), makes every call and hears every signal. sdbus-c++ 1.2 documents its
@@ -115,11 +152,6 @@ struct BluezBeaconSource::Impl : std::enable_shared_from_this<Impl> {
     struct Adapter {
         bool powered = false;
     };
-    // Kept small: thousands of unrelated devices may be around.
-    struct Device {
-        std::optional<IBeaconFrame> frame;
-        std::optional<std::int16_t> rssi;
-    };
 
     bool wanted_;
     std::unique_ptr<sdbus::IConnection> connection_;
@@ -133,7 +165,7 @@ struct BluezBeaconSource::Impl : std::enable_shared_from_this<Impl> {
     std::uint64_t ownerEpoch_ = 0;      // bumps when bluetoothd leaves or changes
     std::uint64_t discoveryEpoch_ = 0;  // bumps when discovery is lost: its replies are stale
     std::map<std::string, Adapter> adapters_;
-    std::unordered_map<std::string, Device> devices_;
+    BluezDevices devices_;
     Phase phase_ = Phase::Idle;
     std::string discoveryAdapter_;  // where discovery runs, starts or stops
     bool holdOff_ = false;          // BlueZ refused: wait for the retry timer before asking again
@@ -420,7 +452,7 @@ struct BluezBeaconSource::Impl : std::enable_shared_from_this<Impl> {
         } else if (member == "InterfacesRemoved") {
             std::vector<std::string> interfaces;
             m >> path >> interfaces;
-            if (hasInterface(interfaces, kDeviceInterface)) devices_.erase(path);
+            if (hasInterface(interfaces, kDeviceInterface)) devices_.remove(path);
             if (hasInterface(interfaces, kAdapterInterface)) adapterRemoved(path);
         }
     }
@@ -454,10 +486,7 @@ struct BluezBeaconSource::Impl : std::enable_shared_from_this<Impl> {
 
     void adapterRemoved(const std::string& path) {
         adapters_.erase(path);
-        // bluetoothd need not announce an adapter's devices going with it.
-        std::string prefix = path + "/";
-        for (auto it = devices_.begin(); it != devices_.end();)
-            it = startsWith(it->first, prefix) ? devices_.erase(it) : std::next(it);
+        devices_.removeUnder(path);
         if (phase_ != Phase::Idle && discoveryAdapter_ == path) {
             lose(bluezError(NoAdapter, "Bluetooth adapter " + path + " was removed"));
             return;
@@ -470,44 +499,17 @@ struct BluezBeaconSource::Impl : std::enable_shared_from_this<Impl> {
 
     void deviceUpdate(const std::string& path, const Properties& changed,
                       const std::vector<std::string>& invalidated, bool announce) {
-        auto mdata = changed.find("ManufacturerData");
-        auto rssi = changed.find("RSSI");
-        bool frameGone = hasInvalidated(invalidated, "ManufacturerData");
-        bool rssiGone = hasInvalidated(invalidated, "RSSI");
-        if (mdata == changed.end() && rssi == changed.end() && !frameGone && !rssiGone) return;
-
-        auto& d = devices_[path];
-        bool malformed = false;
-        if (mdata != changed.end()) {
-            d.frame = frameFromManufacturerData(mdata->second);
-        } else if (frameGone) {
-            d.frame.reset();
-        }
-        if (rssi != changed.end()) {
-            if (rssi->second.containsValueOfType<std::int16_t>()) {
-                d.rssi = rssi->second.get<std::int16_t>();
-            } else {
-                malformed = true;
-            }
-        } else if (rssiGone) {
-            d.rssi.reset();
-        }
-        if (!announce) return;
-        if (malformed || !d.frame || !d.rssi || (mdata == changed.end() && rssi == changed.end())) {
+        auto u = devices_.update(path, changed, invalidated, announce);
+        if (u.kind == BluezDevices::Update::Ignored) {
             ignored_.fetch_add(1, std::memory_order_relaxed);
             return;
         }
+        if (u.kind != BluezDevices::Update::Heard) return;
         advertisements_.fetch_add(1, std::memory_order_relaxed);
-        IBeaconFrame f = *d.frame;
-        int heard = *d.rssi;
-        toHost([f, heard](Impl& self, BeaconRegionMonitor& m) {
+        toHost([f = u.frame, heard = u.rssi](Impl& self, BeaconRegionMonitor& m) {
             m.advertisement(Advertisement{f.uuid, f.major, f.minor, f.measuredPower, heard,
                                           self.scheduler_->now()});
         });
-    }
-
-    static bool hasInvalidated(const std::vector<std::string>& names, const char* name) {
-        return hasInterface(names, name);
     }
 
     // =========================================================================================
