@@ -51,11 +51,13 @@ format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 # Fuzzing (see README, "Fuzzing"). The targets are built with clang, libFuzzer and ASan+UBSan in
-# build-fuzz/, and each runs FUZZ_SECONDS on its corpus, one after another, niced. New inputs go to
-# build-fuzz/corpus/<target>/ (the seeds in fuzz/corpus/ stay as they are), crashes to
-# build-fuzz/crashes/<target>/.
+# build-fuzz/, and each runs until FUZZ_RUNS executions or FUZZ_SECONDS, whichever comes first,
+# niced, FUZZ_JOBS targets at a time. New inputs go to build-fuzz/corpus/<target>/ (the seeds in
+# fuzz/corpus/ stay as they are), crashes to build-fuzz/crashes/<target>/.
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
+FUZZ_RUNS    ?= -1
+FUZZ_JOBS    ?= 1
 FUZZ_TARGETS ?= kit kit_cache status feed campaign_records state plist json image_matcher scenario ibeacon gpsd bluez
 FUZZ_FLAGS   ?= -rss_limit_mb=2048 -malloc_limit_mb=2048 -timeout=10
 
@@ -65,13 +67,12 @@ fuzz-build: deps
 	@cmake --build $(FUZZ_BUILD) --target fuzz_all -j $(JOBS)
 
 fuzz: fuzz-build
-	@for t in $(FUZZ_TARGETS); do \
-	  mkdir -p $(FUZZ_BUILD)/corpus/$$t $(FUZZ_BUILD)/crashes/$$t; \
-	  nice $(FUZZ_BUILD)/bin/fuzz_$$t $(FUZZ_FLAGS) -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	    -artifact_prefix=$(FUZZ_BUILD)/crashes/$$t/ $(FUZZ_BUILD)/corpus/$$t fuzz/corpus/$$t \
-	    >$(FUZZ_BUILD)/$$t.log 2>&1; \
-	  fuzz/summary.sh $$t $(FUZZ_BUILD)/$$t.log $(FUZZ_BUILD)/crashes/$$t; \
-	done
+	@printf '%s\n' $(FUZZ_TARGETS) | xargs -P $(FUZZ_JOBS) -I{} sh -c '\
+	  mkdir -p $(FUZZ_BUILD)/corpus/{} $(FUZZ_BUILD)/crashes/{}; \
+	  nice $(FUZZ_BUILD)/bin/fuzz_{} $(FUZZ_FLAGS) -runs=$(FUZZ_RUNS) -max_total_time=$(FUZZ_SECONDS) \
+	    -print_final_stats=1 -artifact_prefix=$(FUZZ_BUILD)/crashes/{}/ \
+	    $(FUZZ_BUILD)/corpus/{} fuzz/corpus/{} >$(FUZZ_BUILD)/{}.log 2>&1; \
+	  fuzz/summary.sh {} $(FUZZ_BUILD)/{}.log $(FUZZ_BUILD)/crashes/{}'
 
 # Every seed and every crash ever kept in fuzz/, replayed once under ASan+UBSan (gcc, no
 # libFuzzer): a separate build of only the libraries the targets need. Part of `make test`; it
