@@ -139,6 +139,11 @@ class Desktop : public ::testing::Test {
     void notificationClosed(std::uint32_t id, std::uint32_t reason) {
         emit("NotificationClosed", "uu", {sdbus::Variant(id), sdbus::Variant(reason)});
     }
+    void malformedSignals(std::uint32_t id) {
+        emit("ActionInvoked", "s", {sdbus::Variant(std::string("1"))});
+        emit("ActionInvoked", "uu", {sdbus::Variant(id), sdbus::Variant(std::uint32_t{1})});
+        emit("NotificationClosed", "us", {sdbus::Variant(id), sdbus::Variant(std::string("1"))});
+    }
     // Pumps the host thread until `pred` holds.
     bool settleUntil(const std::function<bool()>& pred) {
         return waitFor([&] {
@@ -257,7 +262,9 @@ TEST_F(Desktop, OnlyItsOwnNotificationsAreAnswered) {
     app->showAlert("Coffee", "", {"Cancel", "View Details"}, [&](int i) { answers.push_back(i); });
     auto n = waitForNotifies(1);
     ASSERT_EQ(n.size(), 1u);
-    // Another application's notifications, and a server closing ours on its own.
+    // A server sending signals of the wrong shape, another application's notifications, and a
+    // server closing ours on its own.
+    malformedSignals(n[0].id);
     actionInvoked(n[0].id + 40, "1");
     actionInvoked(n[0].id + 41, "default");
     notificationClosed(n[0].id + 40, 2);
