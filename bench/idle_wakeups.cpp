@@ -107,6 +107,7 @@ int main(int argc, char** argv) {
     std::map<int, ThreadStats> before;
     std::size_t requestsBefore = 0;
     std::thread clock([&] {
+        pthread_setname_np(pthread_self(), "measurement");  // not the host it was started from
         std::this_thread::sleep_for(std::chrono::duration<double>(kStartUp));
         p->scheduler->postToMain([&] {
             before = threadStats();
