@@ -4,8 +4,8 @@
     scripts/mutate.py SUBSYSTEM [--count 100] [--seed N] [--build DIR] [--jobs 2]
                       [--timeout S] [--report FILE] [--journal FILE] [--also TARGET ...]
 
-SUBSYSTEM is platform, proximity, analytics, status, campaigns or simulator. Each mutant is one
-single-line fault at a random site of the subsystem's sources (the same --seed picks the same
+SUBSYSTEM is platform, proximity, analytics, status, campaigns, simulator or sensing. Each mutant
+is one single-line fault at a random site of the subsystem's sources (the same --seed picks the same
 sites): a flipped comparison (< <=, > >=, == !=), a flipped boolean literal, an integer constant
 off by one, a deleted call statement, or a string literal with a character appended. Comments,
 preprocessor lines, static_assert lines and raw strings are left alone.
@@ -47,6 +47,8 @@ SUBSYSTEMS = {
     "status": (["src/status/*.cpp"], ["status_tests"]),
     "campaigns": (["src/campaigns/*.cpp"], ["campaigns_tests"]),
     "simulator": (["tools/sim/*.cpp", "tools/common/*.cpp"], ["tool_tests"]),
+    # The Linux sources and the monitors they feed; linux_tests runs them against real daemons.
+    "sensing": (["src/sensing/*.cpp"], ["sensing_tests", "linux_tests"]),
 }
 
 CALL_STATEMENT = re.compile(r"^\s*[A-Za-z_][\w:]*(\s*(\.|->)\s*[A-Za-z_]\w*)*\s*\(.*\);\s*$")
