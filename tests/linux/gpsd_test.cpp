@@ -362,10 +362,20 @@ TEST_F(GpsdTest, RetriesNeverWaitLongerThanTheCapAndTellTheOutageOnce) {
     EXPECT_EQ(source->stats().connects, 0u);
 }
 
-TEST_F(GpsdTest, TheDestructorDoesNotWaitOutTheBackoff) {
+TEST_F(GpsdTest, RetriesBackOffAndTheDestructorDoesNotWaitThemOut) {
     follow(freePort(), 30.0);
-    // Four failures in, the reader is in a pause of two seconds, and later ones grow to 30.
-    ASSERT_TRUE(until([&] { return source->stats().failures >= 4; })) << seen();
+    // Pauses of 0.25, 0.5, 1 and 2 s: each gap between failures is twice the one before. Gaps
+    // rather than times since the start, so that a loaded machine's delays cancel out.
+    std::vector<std::chrono::steady_clock::time_point> at;
+    for (std::uint64_t n = 2; n <= 4; ++n) {
+        ASSERT_TRUE(until([&] { return source->stats().failures >= n; })) << seen();
+        at.push_back(std::chrono::steady_clock::now());
+    }
+    double first = std::chrono::duration<double>(at[1] - at[0]).count();
+    double second = std::chrono::duration<double>(at[2] - at[1]).count();
+    EXPECT_GT(second, 0.9);
+    EXPECT_NEAR(second / first, 2.0, 0.4) << first << " s, then " << second << " s";
+    // The reader is in its pause of two seconds.
     auto begin = std::chrono::steady_clock::now();
     source.reset();
     EXPECT_LT(elapsedSince(begin), 1.0);
