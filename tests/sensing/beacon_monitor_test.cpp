@@ -151,11 +151,11 @@ TEST_F(BeaconMonitorTest, RangesEverySecondWithSmoothedTrimmedReadings) {
     for (int i = 0; i < 10; ++i) hear(1, 1, i == 4 ? -40 : i == 7 ? -60 : -70);
     // Five readings: one dropped at each end (without it: -63).
     for (int rssi : {-50, -60, -60, -60, -84}) hear(1, 2, rssi);
-    // Under five, a plain mean rounded to the nearest dBm: -60.67.
-    for (int rssi : {-60, -61, -61}) hear(1, 3, rssi);
+    // Under five, a plain mean rounded to the nearest dBm: -63.5 (trimmed, it would be -61.5).
+    for (int rssi : {-60, -61, -62, -71}) hear(1, 3, rssi);
     hear(2, 1, -50);  // another aisle
     at(2);
-    EXPECT_EQ(take(), Events{"range aisle [ 1.2 -60 1.12 2 1.3 -61 1.26 2 1.1 -69 3.16 3 ]"});
+    EXPECT_EQ(take(), Events{"range aisle [ 1.2 -60 1.12 2 1.3 -64 1.78 2 1.1 -69 3.16 3 ]"});
 
     // At 6 the readings of 1 leave the smoothing window (and 1.2, 1.3 the memory); the reading
     // of 5 stays until 10.
