@@ -17,6 +17,7 @@
 #include "platform/clock.h"
 #include "platform/location_manager.h"
 #include "sensing/geofence_monitor.h"
+#include "sensing/gpsd_report.h"
 #include "support/daemons.h"
 #include "support/gpsfake.h"
 #include "support/test_support.h"
@@ -335,7 +336,8 @@ TEST_F(GpsdTest, APeerSendingGarbageIsAnOutageRetried) {
     // then one longer than any gpsd report.
     std::string junk =
         "HTTP/1.1 400 Bad Request\r\n{\"class\":\"NOPE\"}\n"
-        "{\"cl{\"class\":\"TPV\",\"mode\":2,\"lat\":40.0,ass\":\"TPV\"lo{\"class\":\"TPV\",\"mode\":2,n\":-7\n" +
+        "{\"cl{\"class\":\"TPV\",\"mode\":2,\"lat\":40.0,ass\":\"TPV\"lo{\"class\":\"TPV\","
+        "\"mode\":2,n\":-7\n" +
         std::string(100000, 'x');
     follow(peer.port());
     ASSERT_TRUE(until([&] { return peer.accept(); })) << seen();
@@ -379,6 +381,26 @@ TEST_F(GpsdTest, RetriesBackOffAndTheDestructorDoesNotWaitThemOut) {
     auto begin = std::chrono::steady_clock::now();
     source.reset();
     EXPECT_LT(elapsedSince(begin), 1.0);
+}
+
+// The globe's edges, as gpsd reports them: a fix on the antimeridian or at a pole is a place.
+TEST(GpsdReport, AFixAnywhereOnTheGlobeAndNowhereElse) {
+    auto fixAt = [](const std::string& lat, const std::string& lon) {
+        gps_data_t data{};
+        if (!decodeReport(R"({"class":"TPV","mode":3,"lat":)" + lat + R"(,"lon":)" + lon + "}",
+                          data))
+            return std::optional<Fix>();
+        return fixFromReport(data, Date::fromSecondsSince1970(0));
+    };
+    for (auto [lat, lon] : {std::pair{"90", "180"}, {"-90", "-180"}, {"89.99", "179.5"}}) {
+        auto fix = fixAt(lat, lon);
+        ASSERT_TRUE(fix) << lat << " " << lon;
+        EXPECT_EQ(fix->latitude, std::stod(lat));
+        EXPECT_EQ(fix->longitude, std::stod(lon));
+    }
+    for (auto [lat, lon] :
+         {std::pair{"90.001", "0"}, {"-90.001", "0"}, {"0", "180.001"}, {"0", "-180.001"}})
+        EXPECT_FALSE(fixAt(lat, lon)) << lat << " " << lon;
 }
 
 }  // namespace
