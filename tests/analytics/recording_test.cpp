@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "analytics/analytics_fixture.h"
 #include "platform/archive.h"
 
@@ -24,21 +26,13 @@ TEST(QZWAnalyticsDatabase, SchemaIsTheBatchAndTheVersionIsRecordedOnce) {
         "real,uuid text,region_id text,uploaded_at text);";
     EXPECT_EQ(std::string(QZWAnalyticsDatabase::kSchema), schema) << "run as one batch";
     AnalyticsFixture f;
-    std::string expected;
-    for (std::size_t pos = 0; pos < schema.size();) {
-        std::size_t end = schema.find(';', pos);
-        std::string stmt = schema.substr(pos, end - pos);
-        stmt.replace(0, std::string("create table if not exists ").size(), "CREATE TABLE ");
-        expected += stmt + ";";
-        pos = end + 1;
-    }
     std::string stored;
     for (const auto& r : f.rows("select sql from sqlite_master where type = 'table' and name not "
                                 "like 'sqlite_%' order by rowid")) {
         stored += r["sql"].get<std::string>() + ";";
     }
-    EXPECT_EQ(stored, expected);
-    EXPECT_EQ(f.rows("select version from schema_version").size(), 1u);
+    EXPECT_EQ(stored, std::regex_replace(schema, std::regex("create table if not exists "),
+                                         "CREATE TABLE "));
     f.analytics.reset();
     QZWAnalytics again(f.vp.platform);
     QZWAnalytics andAgain(f.vp.platform);
@@ -180,22 +174,14 @@ TEST(QZWAnalytics, EventDetailsRoundTripLosslesslyAndDatesFormatWithoutFraction)
               "1969-12-31T23:59:59Z");
 }
 
-TEST(Archive, DamagedOrHostileBlobsAreRefused) {
+// The depth limit is checked with the other readers' in the platform tests.
+TEST(Archive, DamagedBlobsAreRefusedWithAReasonAndEveryKindRoundTrips) {
     std::string why;
     EXPECT_FALSE(platform::unarchiveJson({0xBF, 0x61}, &why)) << "truncated";
     EXPECT_FALSE(why.empty());
-    platform::Bytes deep(100000, 0x81);  // arrays of one element, 100,000 deep
-    deep.push_back(0x01);
-    EXPECT_FALSE(platform::unarchiveJson(deep, &why));
-    EXPECT_EQ(why, "archive nested too deeply");
-    EXPECT_EQ(platform::unarchiveJson(platform::archiveJson(Json::array())), Json::array());
-    platform::Bytes limit(512, 0x81);
-    limit.push_back(0x01);
-    EXPECT_TRUE(platform::unarchiveJson(limit)) << "as deep as allowed";
-    limit.insert(limit.begin(), 0x81);
-    EXPECT_FALSE(platform::unarchiveJson(limit)) << "one deeper";
     Json rich = {{"a", {1, -2, 3.5, "x", nullptr, true, {{"b", Json::array({Json::object()})}}}},
                  {"bin", Json::binary({1, 2, 3})},
                  {"u", 18446744073709551615ull}};
     EXPECT_EQ(platform::unarchiveJson(platform::archiveJson(rich)), rich);
+    EXPECT_EQ(platform::unarchiveJson(platform::archiveJson(Json::array())), Json::array());
 }

@@ -78,40 +78,23 @@ TEST(QZWAnalyticsUpload, SendsOneDocumentWithTheLayersHeadersThenStampsTheRows) 
         EXPECT_EQ(n, 1u) << key << " is sent once";
     }
     Json doc = Json::parse(requests[0].body);
-    Json expected = {{"lurewave_events",
-                      {{{"event_type", "found"},
-                        {"campaign_id", "c1"},
-                        {"triggered_at", "2026-03-01T09:01:03Z"}},
-                       {{"event_type", "viewed"}, {"triggered_at", "2026-03-01T09:01:03Z"}}}},
-                     {"app_id", kTestVendorId},
-                     {"partner_id", "partner-7"},
-                     {"zonewise_events",
-                      {{{"kit_id", "17"},
-                        {"region_sessions",
-                         {{{"id", 1},
-                           {"region_uuid", kUUID},
-                           {"region_major", 1},
-                           {"region_minor", 2},
-                           {"entered_at", "2026-03-01T09:00:00Z"},
-                           {"exited_at", "2026-03-01T09:00:03Z"},
-                           {"beacon_sessions",
-                            {{{"beacon_uuid", kUUID},
-                              {"beacon_major", 1},
-                              {"beacon_minor", 2},
-                              {"first_detected_at", "2026-03-01T09:00:02Z"},
-                              {"last_detected_at", "2026-03-01T09:00:03Z"}},
-                             {{"beacon_uuid", kUUID},
-                              {"beacon_major", 1},
-                              {"beacon_minor", 5},
-                              {"first_detected_at", "2026-03-01T09:00:02Z"}}}}}}},
-                        {"geo_region_sessions",
-                         {{{"id", 1},
-                           {"region_id", "fence-1"},
-                           {"latitude", 40.0},
-                           {"longitude", -75.0},
-                           {"radius", 30.0},
-                           {"entered_at", "2026-03-01T09:00:03Z"},
-                           {"exited_at", "2026-03-01T09:01:03Z"}}}}}}}};
+    Json expected = Json::parse(R"({"partner_id": "partner-7",
+      "lurewave_events": [
+        {"event_type": "found", "campaign_id": "c1", "triggered_at": "2026-03-01T09:01:03Z"},
+        {"event_type": "viewed", "triggered_at": "2026-03-01T09:01:03Z"}],
+      "zonewise_events": [{"kit_id": "17",
+        "region_sessions": [{"id": 1, "region_major": 1, "region_minor": 2,
+          "entered_at": "2026-03-01T09:00:00Z", "exited_at": "2026-03-01T09:00:03Z",
+          "beacon_sessions": [{"beacon_major": 1, "beacon_minor": 2,
+              "first_detected_at": "2026-03-01T09:00:02Z", "last_detected_at": "2026-03-01T09:00:03Z"},
+            {"beacon_major": 1, "beacon_minor": 5, "first_detected_at": "2026-03-01T09:00:02Z"}]}],
+        "geo_region_sessions": [{"id": 1, "region_id": "fence-1", "latitude": 40.0,
+          "longitude": -75.0, "radius": 30.0, "entered_at": "2026-03-01T09:00:03Z",
+          "exited_at": "2026-03-01T09:01:03Z"}]}]})");
+    expected["app_id"] = kTestVendorId;
+    auto& session = expected["zonewise_events"][0]["region_sessions"][0];
+    session["region_uuid"] = kUUID;
+    for (auto& b : session["beacon_sessions"]) b["beacon_uuid"] = kUUID;
     EXPECT_EQ(doc, expected);
 
     EXPECT_EQ(f.rows("select * from region_sessions where uploaded_at is not null").size(), 1u);

@@ -35,10 +35,6 @@ class CampaignHost : public LWManagerDelegate {
         std::lock_guard lk(mu_);
         return events_;
     }
-    bool saw(const std::string& e) const {
-        auto v = events();
-        return std::find(v.begin(), v.end(), e) != v.end();
-    }
     void clear() {
         std::lock_guard lk(mu_);
         events_.clear();
@@ -76,65 +72,63 @@ struct CampaignFixture {
 
     // A door beacon (place 7), a checkout beacon (place 9) and a geofence (place 7).
     nlohmann::json kit() const {
-        auto entry = [](int minor, const char* id, const char* name, const char* places) {
-            return nlohmann::json{{"uuid", kStoreUUID}, {"major", 1},
-                                  {"minor", minor},     {"identifier", id},
-                                  {"name", name},       {"attributes", {{"lw_place_ids", places}}}};
-        };
-        return {{"kit",
-                 {{"id", 17},
-                  {"status_url", server.url("/status")},
-                  {"status_token", "st"},
-                  {"map",
-                   {{"overlays",
-                     {{{"type", "circle"},
-                       {"identifier", "lot"},
-                       {"name", "Car park"},
-                       {"center", {40.0, -75.0}},
-                       {"radius", 80},
-                       {"attributes", {{"lw_place_ids", "[7]"}}}}}}}},
-                  {"ibeacons",
-                   {entry(1, "door", "Door", "[7]"), entry(2, "checkout", "Checkout", "[9]")}}}}};
+        auto k = nlohmann::json::parse(R"({"kit": {"id": 17, "status_token": "st",
+          "map": {"overlays": [{"type": "circle", "identifier": "lot", "name": "Car park",
+            "center": [40.0, -75.0], "radius": 80, "attributes": {"lw_place_ids": "[7]"}}]},
+          "ibeacons": [{"major": 1, "minor": 1, "identifier": "door", "name": "Door",
+                        "attributes": {"lw_place_ids": "[7]"}},
+                       {"major": 1, "minor": 2, "identifier": "checkout", "name": "Checkout",
+                        "attributes": {"lw_place_ids": "[9]"}}]}})");
+        k["kit"]["status_url"] = server.url("/status");
+        for (auto& b : k["kit"]["ibeacons"]) b["uuid"] = kStoreUUID;
+        return k;
     }
 
     static nlohmann::json campaign(const std::string& id,
                                    nlohmann::json extra = nlohmann::json::object()) {
-        nlohmann::json c = {
-            {"id", id},
-            {"start_at", "2026-03-01T08:00:00.000+0000"},
-            {"end_at", "2026-03-02T08:00:00.000+0000"},
-            {"min_recur_secs", 3600},
-            {"trigger_distance", 2.0},
-            {"links", {{"content", 5}, {"places", {7}}, {"fulfillment_places", {9}}}}};
+        auto c = nlohmann::json::parse(R"({"start_at": "2026-03-01T08:00:00.000+0000",
+          "end_at": "2026-03-02T08:00:00.000+0000", "min_recur_secs": 3600, "trigger_distance": 2.0,
+          "links": {"content": 5, "places": [7], "fulfillment_places": [9]}})");
+        c["id"] = id;
         for (auto& [k, v] : extra.items()) c[k] = v;
         return c;
     }
 
     nlohmann::json feed(const std::vector<nlohmann::json>& campaigns) const {
-        return {{"kits",
-                 {{{"id", 17}, {"configuration", {{"ios_tokens_url", server.url("/tokens")}}}}}},
-                {"linked",
-                 {{"contents",
-                   {{{"id", 5},
-                     {"alert_title", "20% off coffee"},
-                     {"alert_message", "At the counter"},
-                     {"body", "<p>Coffee</p>"}}}},
-                  {"campaigns", campaigns}}}};
+        auto f = nlohmann::json::parse(R"({"linked": {"contents": [{"id": 5,
+          "alert_title": "20% off coffee", "alert_message": "At the counter",
+          "body": "<p>Coffee</p>"}]}})");
+        f["kits"] = {{{"id", 17}, {"configuration", {{"ios_tokens_url", server.url("/tokens")}}}}};
+        f["linked"]["campaigns"] = campaigns;
+        return f;
     }
     void serveFeed(const std::vector<nlohmann::json>& campaigns) {
         server.on("GET", "/campaigns", Reply{200, feed(campaigns).dump()});
     }
 
     void create() { manager = LWManager::managerWithDelegate(vp.platform, host); }
+    void restart() {
+        manager.reset();
+        create();
+    }
+    void settle() { vp.scheduler().settle(); }
     void startAndSync() {
         create();
         manager->start();
-        vp.scheduler().settle();
+        settle();
+    }
+    void sync() {
+        manager->sync();
+        settle();
     }
 
+    platform::Application& app() { return *vp.platform->application; }
     platform::LocationService& location() { return *vp.platform->location; }
     std::size_t requests(const std::string& path) const { return server.requestsTo(path).size(); }
     std::string statePath() const { return vp.documents.file("LurewaveState_lw-token.plist"); }
+    std::optional<nlohmann::json> state() const {
+        return platform::unarchiveJson(*vp.platform->files->readFile(statePath()));
+    }
 
     static std::shared_ptr<const platform::BeaconRegion> region(int minor, const char* id) {
         return std::make_shared<const platform::BeaconRegion>(*platform::UUID::parse(kStoreUUID), 1,
@@ -142,6 +136,11 @@ struct CampaignFixture {
     }
     static platform::Beacon beacon(int minor, double accuracy) {
         return {*platform::UUID::parse(kStoreUUID), 1, minor, 2, accuracy, -60};
+    }
+    // Ranges the door (minor 1) or the checkout (minor 2) at `accuracy` metres.
+    void range(int minor, double accuracy) {
+        location().deliverRanging(region(minor, minor == 1 ? "door" : "checkout"),
+                                  {beacon(minor, accuracy)});
     }
     // The details of each event recorded in the analytics database, oldest first.
     std::vector<nlohmann::json> analyticsEvents() const {

@@ -22,18 +22,10 @@ namespace {
 
 // Replaces random nodes of `j` with values of other kinds.
 void mutate(Json& j, std::mt19937& rng, int depth = 0) {
-    static const Json kinds[] = {nullptr,
-                                 true,
-                                 -1,
-                                 4294967297LL,
-                                 1e300,
-                                 "",
-                                 "x",
-                                 Json::array(),
-                                 Json::object(),
-                                 Json::array({1, "a", nullptr})};
+    static const Json kinds =
+        Json::parse(R"([null, true, -1, 4294967297, 1e300, "", "x", [], {}, [1, "a", null]])");
     if (rng() % 6 == 0 || depth > 6) {
-        j = kinds[rng() % std::size(kinds)];
+        j = kinds[rng() % kinds.size()];
         return;
     }
     if (j.is_object()) {
@@ -108,25 +100,12 @@ Bytes nestedXml(int arrays) {
 }
 
 Json sampleKit() {
-    return {{"id", 17},
-            {"name", "Store"},
-            {"status_url", "http://127.0.0.1:1/status"},
-            {"status_token", "st"},
-            {"map",
-             {{"overlays",
-               {{{"type", "circle"},
-                 {"identifier", "f"},
-                 {"center", {40.0, -75.0}},
-                 {"radius", 30}}}}}},
-            {"ibeacons",
-             {{{"uuid", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"},
-               {"major", 1},
-               {"minor", 1},
-               {"identifier", "door"},
-               {"attributes", {{"lw_place_ids", "[7]"}}}},
-              {{"uuid", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"},
-               {"major", nullptr},
-               {"minor", nullptr}}}}};
+    return Json::parse(R"({"id": 17, "name": "Store", "status_url": "http://127.0.0.1:1/status",
+      "status_token": "st", "map": {"overlays": [{"type": "circle", "identifier": "f",
+        "center": [40.0, -75.0], "radius": 30}]},
+      "ibeacons": [{"uuid": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "major": 1, "minor": 1,
+                    "identifier": "door", "attributes": {"lw_place_ids": "[7]"}},
+                   {"uuid": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "major": null, "minor": null}]})");
 }
 
 }  // namespace
@@ -167,13 +146,10 @@ TEST(HostileInput, DamagedKitsPlistsAndArchivesNeverCrashTheReaders) {
     }
 
     // Archives and the campaign records read from them.
-    Json campaign = {{"id", "c1"},
-                     {"start_at", 1.0},
-                     {"end_at", 2e9},
-                     {"places", {7}},
-                     {"content", {{"id", "5"}, {"body", "b"}, {"hash", Json::binary({1, 2})}}},
-                     {"found_at", {{"id", 7}, {"name", "d"}, {"type", 0}}},
-                     {"view_count", 2}};
+    Json campaign = Json::parse(R"({"id": "c1", "start_at": 1.0, "end_at": 2e9, "places": [7],
+      "found_at": {"id": 7, "name": "d", "type": 0}, "view_count": 2,
+      "content": {"id": "5", "body": "b"}})");
+    campaign["content"]["hash"] = Json::binary({1, 2});
     Json repo = {{"campaign_cache", {campaign, campaign}}, {"kitId", 17}, {"device_token", "ab"}};
     Bytes archived = platform::archiveJson({{"campaign_repo", repo}, {"campaign_ids", {"c1"}}});
     int readable = 0;

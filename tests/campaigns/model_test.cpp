@@ -16,7 +16,11 @@ using platform::Json;
 
 namespace {
 
-Json campaignJson(const std::string& start, const std::string& end, Json extra = Json::object()) {
+const char* kBefore = "2026-03-01T08:00:00.000+0000";  // an hour before the virtual start
+const char* kAfter = "2026-03-01T10:00:00.000Z";
+
+Json campaignJson(Json extra = Json::object(), const char* start = kBefore,
+                  const char* end = kAfter) {
     Json c = {{"id", 42},
               {"start_at", start},
               {"end_at", end},
@@ -25,8 +29,9 @@ Json campaignJson(const std::string& start, const std::string& end, Json extra =
     return c;
 }
 
-const char* kBefore = "2026-03-01T08:00:00.000+0000";  // an hour before the virtual start
-const char* kAfter = "2026-03-01T10:00:00.000Z";
+std::shared_ptr<LWContent> content(VirtualPlatform& vp, const char* title) {
+    return LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", title}});
+}
 
 }  // namespace
 
@@ -35,34 +40,31 @@ TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) 
     TestServer server;
     server.on("GET", "/a.png", Reply{200, "AAA", "image/png"});
     // Exactly the largest image still inlined.
-    server.on("GET", "/b.png", Reply{200, std::string(LWImagePreloader::kMaxImageBytes, 'b'), "image/png"});
+    server.on("GET", "/b.png",
+              Reply{200, std::string(LWImagePreloader::kMaxImageBytes, 'b'), "image/png"});
     server.on("GET", "/huge.png", Reply{200, std::string(2 * 1048576, 'h'), "image/png"});
     server.on("GET", "/broken.png", Reply{500, "oops", "text/plain"});
     auto& http = *vp.platform->http;
-    std::string a = server.url("/a.png"), b = server.url("/b.png");
-
+    std::string a = server.url("/a.png"), big(LWImagePreloader::kMaxImageBytes, 'b');
     EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(http, "<p>no images</p>"),
               "<p>no images</p>");
-    std::string html = "<p><img class=\"x\" src=\"" + a + "\"></p><IMG src=\"" + a +
-                       "\"><img src='" + b +
-                       "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
-                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
-                       server.url("/huge.png") + "\"><img src=\"" + server.url("/missing.png") +
-                       "\"><img src=\"" + server.url("/broken.png") + "\">";
-    std::string out = LWImagePreloader::htmlWithInlinedImages(http, html);
+    auto page = [&](const std::string& first, const std::string& quoted, const std::string& missing,
+                    const std::string& broken) {
+        return "<p><img class=\"x\" src=\"" + first + "\"></p><IMG src=\"" + a + "\"><img src='" +
+               quoted + "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\"><img src=\"" +
+               "data:image;base64,AA==\"><img src=\"" + server.url("/huge.png") + "\"><img src=\"" +
+               missing + "\"><img src=\"" + broken + "\">";
+    };
     auto inlined = [](const std::string& body) {
         return "data:image;charset=US-ASCII;base64," +
                platform::base64Encode(platform::toBytes(body));
     };
-    std::string dataA = inlined("AAA"), dataB = inlined(std::string(LWImagePreloader::kMaxImageBytes, 'b'));
-    std::string want = "<p><img class=\"x\" src=\"" + dataA + "\"></p><IMG src=\"" + a +
-                       "\"><img src='" + dataB +
-                       "' alt=x><img src=\"/rel.png\"><img src=\"HTTP://up/x\">"
-                       "<img src=\"data:image;base64,AA==\"><img src=\"" +
-                       server.url("/huge.png") + "\"><img src=\"" + inlined("not found") +
-                       "\"><img src=\"" + inlined("oops") + "\">";
-    EXPECT_EQ(out, want) << "upper-case tags, relative, data and over-1-MiB images keep their URL; "
-                            "the status code is not looked at, so 404 and 500 bodies are embedded";
+    EXPECT_EQ(LWImagePreloader::htmlWithInlinedImages(
+                  http, page(a, server.url("/b.png"), server.url("/missing.png"),
+                             server.url("/broken.png"))),
+              page(inlined("AAA"), inlined(big), inlined("not found"), inlined("oops")))
+        << "upper-case tags, relative, data and over-1-MiB images keep their URL; "
+           "the status code is not looked at, so 404 and 500 bodies are embedded";
 
     // The expression's own choices: the last src= before the tag's first '>', a value that may
     // hold '>', and no match without a closing '>'.
@@ -72,13 +74,13 @@ TEST(LWImagePreloader, InlinesHttpImagesAtTheRightOffsetsAndLeavesTheRestAlone) 
             v.push_back(h.substr(m.start, m.length));
         return v;
     };
-    EXPECT_EQ(values("<img src='1' src=\"2\">"), (std::vector<std::string>{"2"}));
-    EXPECT_EQ(values("<img alt='a>b' src='x'>"), (std::vector<std::string>{}));
-    EXPECT_EQ(values("<img src='a>b'>"), (std::vector<std::string>{"a>b"}));
-    EXPECT_EQ(values("<img src=''>"), (std::vector<std::string>{}));
-    EXPECT_EQ(values("<imgsrc='x'>"), (std::vector<std::string>{}));
-    EXPECT_EQ(values("<img src='x'"), (std::vector<std::string>{}));
-    EXPECT_EQ(values("<img src='1'><img src='2'>"), (std::vector<std::string>{"1", "2"}));
+    using Srcs = std::vector<std::string>;
+    EXPECT_EQ(values("<img src='1' src=\"2\">"), Srcs{"2"});
+    EXPECT_EQ(values("<img src='a>b'>"), Srcs{"a>b"});
+    EXPECT_EQ(values("<img src='1'><img src='2'>"), (Srcs{"1", "2"}));
+    for (const char* none :
+         {"<img alt='a>b' src='x'>", "<img src=''>", "<imgsrc='x'>", "<img src='x'"})
+        EXPECT_EQ(values(none), Srcs{}) << none;
 
     // A hostile body: one tag of a million characters, and many unclosed tags; no recursion.
     auto t0 = std::chrono::steady_clock::now();
@@ -118,7 +120,6 @@ TEST(LWContent, FingerprintsTheWholeDictionaryAndComparesById) {
     EXPECT_EQ(c->id(), "5");
     EXPECT_EQ(c->alertMessage(), "(null)") << "a missing key reads as the text (null)";
     EXPECT_EQ(c->hashValue().size(), 20u);
-    EXPECT_EQ(c->hashValue(), LWContent::hashForDictionary(dict));
     Json other = dict;
     other["body"] = "<p>y</p>";
     auto d = LWContent::initWithDictionary(vp.platform, other);
@@ -137,30 +138,26 @@ TEST(LWContent, FingerprintsTheWholeDictionaryAndComparesById) {
 
 TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
     VirtualPlatform vp;
-    auto content =
-        LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
+    auto make = [&](Json extra, const char* start = kBefore, const char* end = kAfter) {
+        return LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(extra, start, end),
+                                                      {});
+    };
+    auto first = content(vp, "50% off");
     auto c = LWCampaign::initWithDictionaryContents(
-        vp.platform,
-        campaignJson(kBefore, kAfter, {{"min_recur_secs", 600}, {"trigger_distance", 2.0}}),
-        {content});
+        vp.platform, campaignJson({{"min_recur_secs", 600}, {"trigger_distance", 2.0}}), {first});
     EXPECT_EQ(c->id(), "42");
-    EXPECT_EQ(c->content(), content);
+    EXPECT_EQ(c->content(), first);
     EXPECT_EQ(c->places(), Json({7, "8"}));
     EXPECT_EQ(c->triggerDistance(), 2.0);
     EXPECT_TRUE(c->isActive());
     EXPECT_FALSE(c->isExpired());
 
     // The window is strict at both ends.
-    auto at = [&](const char* start, const char* end) {
-        return LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(start, end), {});
-    };
-    auto startsNow = at("2026-03-01T09:00:00.000+0000", kAfter);
-    EXPECT_FALSE(startsNow->isActive());
-    auto endsNow = at(kBefore, "2026-03-01T04:00:00.000-0500");
+    EXPECT_FALSE(make({}, "2026-03-01T09:00:00.000+0000")->isActive());
+    auto endsNow = make({}, kBefore, "2026-03-01T04:00:00.000-0500");
     EXPECT_FALSE(endsNow->isActive());
     EXPECT_TRUE(endsNow->isExpired());
-    auto unparsable = at("yesterday", kAfter);
-    EXPECT_FALSE(unparsable->isActive()) << "an unparsable date never becomes active";
+    EXPECT_FALSE(make({}, "yesterday")->isActive()) << "an unparsable date never becomes active";
 
     // Recurrence.
     EXPECT_TRUE(c->canDetect());
@@ -170,18 +167,14 @@ TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
     EXPECT_FALSE(c->canDetect()) << "exactly at the end of the wait: not yet";
     vp.scheduler().advanceBy(0.001);
     EXPECT_TRUE(c->canDetect());
-    auto never = LWCampaign::initWithDictionaryContents(
-        vp.platform, campaignJson(kBefore, kAfter, {{"min_recur_secs", -1}}), {});
+    auto never = make({{"min_recur_secs", -1}}), always = make({});
     never->detect();
-    EXPECT_EQ(never->canDetectAfter(), Date::distantFuture());
-    auto always =
-        LWCampaign::initWithDictionaryContents(vp.platform, campaignJson(kBefore, kAfter), {});
     always->detect();
+    EXPECT_EQ(never->canDetectAfter(), Date::distantFuture());
     EXPECT_TRUE(always->canDetect());
 
     // Foreground-only campaigns need the application active.
-    auto fg = LWCampaign::initWithDictionaryContents(
-        vp.platform, campaignJson(kBefore, kAfter, {{"foreground_only", "YES"}}), {});
+    auto fg = make({{"foreground_only", "YES"}});
     EXPECT_TRUE(fg->isActive());
     vp.platform->application->setApplicationState(platform::ApplicationState::Background);
     EXPECT_FALSE(fg->isActive());
@@ -190,16 +183,13 @@ TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
     // A re-sync: the same content keeps its object (and its images), a changed one replaces it,
     // a null trigger distance clears it, and what the device recorded stays.
     c->setViewCount(3);
-    auto sameContent =
-        LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "50% off"}});
-    c->updateWithDictionaryContents(campaignJson(kBefore, kAfter, {{"trigger_distance", nullptr}}),
-                                    {sameContent});
-    EXPECT_EQ(c->content(), content);
+    c->updateWithDictionaryContents(campaignJson({{"trigger_distance", nullptr}}),
+                                    {content(vp, "50% off")});
+    EXPECT_EQ(c->content(), first);
     EXPECT_FALSE(c->triggerDistance());
     EXPECT_EQ(c->viewCount(), 3);
-    auto changed =
-        LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "60% off"}});
-    c->updateWithDictionaryContents(campaignJson(kBefore, kAfter), {changed});
+    auto changed = content(vp, "60% off");
+    c->updateWithDictionaryContents(campaignJson(), {changed});
     EXPECT_EQ(c->content(), changed);
     EXPECT_TRUE(changed->preloaded()) << "a new content starts its image preloading";
 
@@ -212,12 +202,11 @@ TEST(LWCampaign, WindowRecurrenceAndTriggerDistance) {
 
 TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
     VirtualPlatform vp;
-    auto content = LWContent::initWithDictionary(vp.platform, {{"id", 5}, {"alert_title", "t"}});
     auto c = LWCampaign::initWithDictionaryContents(
         vp.platform,
-        campaignJson(kBefore, kAfter,
-                     {{"min_recur_secs", 60}, {"trigger_distance", 1.5}, {"foreground_only", true}}),
-        {content});
+        campaignJson(
+            {{"min_recur_secs", 60}, {"trigger_distance", 1.5}, {"foreground_only", true}}),
+        {content(vp, "t")});
     c->detect();
     c->setViewCount(5000000002);
     c->setViewed(true);
@@ -231,9 +220,8 @@ TEST(LWCampaign, ArchivesRoundTripAndTheOlderLayoutStillReads) {
     EXPECT_EQ(back->foundAt()->description(), "<LWPlace id=7 name=\"Door\">");
 
     Json legacy = c->archive();
-    legacy["content"] = "<p>old body</p>";
-    legacy["message"] = "old message";
-    legacy["title"] = "old title";
+    legacy.update(
+        {{"content", "<p>old body</p>"}, {"message", "old message"}, {"title", "old title"}});
     auto old = LWCampaign::fromArchive(vp.platform, legacy);
     ASSERT_TRUE(old && old->content());
     EXPECT_EQ(old->content()->body(), "<p>old body</p>");
