@@ -21,8 +21,8 @@ Json entry(Json uuid, Json major, Json minor, Json attrs, const std::string& nam
             {"attributes", attrs}};
 }
 
-Json find(const Json& kit, int major, int minor) {
-    return QZWAPIBeaconFinder::findAttrsForUUIDMajorMinorIn(*UUID::parse(kU), Number(major),
+Json find(const Json& kit, int major, int minor, const char* uuid = kU) {
+    return QZWAPIBeaconFinder::findAttrsForUUIDMajorMinorIn(*UUID::parse(uuid), Number(major),
                                                             Number(minor), kit);
 }
 
@@ -34,27 +34,22 @@ TEST(QZWAPIBeaconFinder, MergesLevelsFromLeastToMostSpecific) {
          {entry(kU, nullptr, nullptr, {{"a", 1}, {"b", 1}}, "uuid"),
           entry(kU, 5, nullptr, {{"b", 2}}, "major"), entry(kU, 5, 7, {{"c", 3}}, "exact"),
           entry("5A4BCFCE-174E-4BAC-A814-092E77F6B7E5", nullptr, nullptr, {{"z", 0}}, "other")}}};
-    Json r = find(kit, 5, 7);
-    EXPECT_EQ(r["attributes"], Json({{"a", 1}, {"b", 2}, {"c", 3}}));
-    EXPECT_EQ(r["name"], "exact");
-    EXPECT_EQ(r["identifier"], "id-exact");
+    EXPECT_EQ(find(kit, 5, 7), Json({{"attributes", {{"a", 1}, {"b", 2}, {"c", 3}}},
+                                     {"name", "exact"},
+                                     {"identifier", "id-exact"}}));
+    EXPECT_EQ(find(kit, 5, 8), Json({{"attributes", {{"a", 1}, {"b", 2}}},
+                                     {"name", "major"},
+                                     {"identifier", "id-major"}}));
+    EXPECT_EQ(
+        find(kit, 6, 7),
+        Json({{"attributes", {{"a", 1}, {"b", 1}}}, {"name", "uuid"}, {"identifier", "id-uuid"}}));
+    EXPECT_EQ(find(kit, 1, 1, "00000000-0000-0000-0000-000000000000"),
+              Json({{"name", ""}, {"identifier", ""}, {"attributes", Json::object()}}));
     // A null member is a wild card; an entry without a UUID matches nothing.
     EXPECT_FALSE(QZWAPIBeaconFinder::hasMinor({{"minor", nullptr}}));
     EXPECT_TRUE(QZWAPIBeaconFinder::hasMinor({{"minor", 7}}));
     EXPECT_FALSE(QZWAPIBeaconFinder::uuidMatchesWithUUIDMajorMinor(
-        {{"major", nullptr}, {"minor", nullptr}}, *quenby::platform::UUID::parse(kU), 5, 7));
-
-    r = find(kit, 5, 8);
-    EXPECT_EQ(r["attributes"], Json({{"a", 1}, {"b", 2}}));
-    EXPECT_EQ(r["name"], "major");
-
-    r = find(kit, 6, 7);
-    EXPECT_EQ(r["attributes"], Json({{"a", 1}, {"b", 1}}));
-    EXPECT_EQ(r["name"], "uuid");
-
-    Json none = QZWAPIBeaconFinder::findAttrsForUUIDMajorMinorIn(
-        *UUID::parse("00000000-0000-0000-0000-000000000000"), Number(1), Number(1), kit);
-    EXPECT_EQ(none, Json({{"name", ""}, {"identifier", ""}, {"attributes", Json::object()}}));
+        {{"major", nullptr}, {"minor", nullptr}}, *UUID::parse(kU), 5, 7));
 }
 
 TEST(QZWAPIBeaconFinder, LevelRulesLastEntryWinsAndCaseInsensitiveUUIDs) {

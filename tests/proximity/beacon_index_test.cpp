@@ -20,21 +20,11 @@ TEST(QZWBeaconIndex, AgreesWithTheWalkOnRandomKits) {
         // Small value ranges so levels collide and later entries must win; every spelling of a
         // number the format allows: null, missing, integer, float, numeric text.
         auto number = [&](Json& entry, const char* key) {
-            switch (pick(6)) {
-                case 0:
-                    entry[key] = nullptr;
-                    break;
-                case 1:
-                    break;
-                case 2:
-                    entry[key] = pick(3) + 0.5;
-                    break;
-                case 3:
-                    entry[key] = std::to_string(pick(3));
-                    break;
-                default:
-                    entry[key] = pick(3);
-            }
+            int kind = pick(6);
+            if (kind == 0) entry[key] = nullptr;
+            if (kind == 2) entry[key] = pick(3) + 0.5;
+            if (kind == 3) entry[key] = std::to_string(pick(3));
+            if (kind > 3) entry[key] = pick(3);
         };
         Json list = Json::array();
         for (int i = pick(40); i > 0; --i) {

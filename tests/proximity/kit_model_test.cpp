@@ -11,6 +11,7 @@ using namespace quenby;
 using platform::Json;
 using platform::Number;
 using platform::UUID;
+using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -26,29 +27,43 @@ Json beaconEntry(const std::string& uuid, Json major, Json minor, const std::str
             {"identifier", id}, {"name", "n-" + id}, {"attributes", {{"k", id}}}};
 }
 
+// "id UMm major/minor": which of uuid, major and minor the entry has, then the platform region
+// it registers ("*" for an absent number, "-" for no region at all).
+Lines regionsOf(const QZWKit& kit) {
+    Lines out;
+    auto n = [](const std::optional<std::uint16_t>& v) { return v ? std::to_string(*v) : "*"; };
+    for (const auto& r : kit.beaconRegions()) {
+        const auto& p = r->region();
+        out.push_back(r->identifier().value_or("?") + " " + (r->uuid() ? "U" : "") +
+                      (r->hasMajor() ? "M" : "") + (r->hasMinor() ? "m" : "") + " " +
+                      (p ? n(p->major()) + "/" + n(p->minor()) : "-"));
+    }
+    return out;
+}
+
+// "latitude/longitude rRADIUS" of every circle.
+Lines circlesOf(const QZWKit& kit) {
+    Lines out;
+    for (const auto& c : kit.map()->overlays()) {
+        out.push_back(fmt::format("{}/{} r{}", c->latitude(), c->longitude(), c->radius()));
+    }
+    return out;
+}
+
 }  // namespace
 
 TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
     test::LogLevelGuard quiet(QZWLogLevelError);
-    Json doc = {{"id", 17},
-                {"name", "Store"},
-                {"status_url", "http://s/sdk/v1/events"},
-                {"status_token", "st"},
-                {"map",
-                 {{"overlays",
-                   {{{"type", "polygon"}, {"identifier", "poly"}},
-                    {{"type", "circle"},
-                     {"identifier", "fence-1"},
-                     {"name", "Entrance"},
-                     {"radius", 25.5},
-                     {"center", {40.0, -75.0}},
-                     {"attributes", {{"lw_place_ids", "[1]"}}}},
-                    {{"type", "square"}, {"identifier", "sq"}},
-                    {{"type", "circle"}, {"identifier", "shared"}, {"center", {1, 2}}}}}}},
-                {"ibeacons",
-                 {beaconEntry(kU, 1, 2, "b-exact"), beaconEntry(kU, 1, nullptr, "b-major"),
-                  beaconEntry(kU, nullptr, nullptr, "b-uuid"),
-                  beaconEntry(kU, nullptr, 4, "b-minor"), beaconEntry(kV, 9, 9, "shared")}}};
+    Json doc = Json::parse(R"({"id": 17, "name": "Store", "status_url": "http://s/sdk/v1/events",
+      "status_token": "st", "map": {"overlays": [
+        {"type": "polygon", "identifier": "poly"},
+        {"type": "circle", "identifier": "fence-1", "name": "Entrance", "radius": 25.5,
+         "center": [40.0, -75.0], "attributes": {"lw_place_ids": "[1]"}},
+        {"type": "square", "identifier": "sq"},
+        {"type": "circle", "identifier": "shared", "center": [1, 2]}]}})");
+    doc["ibeacons"] = {beaconEntry(kU, 1, 2, "b-exact"), beaconEntry(kU, 1, nullptr, "b-major"),
+                       beaconEntry(kU, nullptr, nullptr, "b-uuid"),
+                       beaconEntry(kU, nullptr, 4, "b-minor"), beaconEntry(kV, 9, 9, "shared")};
     auto kit = build(doc);
     EXPECT_EQ(kit->id(), 17);
     EXPECT_EQ(kit->name(), "Store");
@@ -58,53 +73,44 @@ TEST(QZWKit, BuildsCirclesAndBeaconRegionsFromTheDocument) {
     EXPECT_EQ(kit->json(), doc);
 
     ASSERT_TRUE(kit->map());
-    ASSERT_EQ(kit->map()->overlays().size(), 2u) << "polygons and unknown types yield nothing";
+    EXPECT_EQ(circlesOf(*kit), (Lines{"40/-75 r25.5", "1/2 r0"}))
+        << "polygons and unknown types yield nothing; the centre is latitude first";
     const auto& fence = kit->map()->overlays()[0];
     EXPECT_EQ(fence->identifier(), "fence-1");
-    EXPECT_EQ(fence->latitude(), 40.0f) << "centre is latitude first";
-    EXPECT_EQ(fence->longitude(), -75.0f);
-    EXPECT_EQ(fence->radius(), 25.5f);
     EXPECT_EQ(fence->attributes(), Json({{"lw_place_ids", "[1]"}}));
+    EXPECT_EQ(kit->map()->overlays()[1]->attributes(), Json::object());
     ASSERT_TRUE(fence->region());
     EXPECT_EQ(fence->region()->identifier(), "fence-1");
     EXPECT_EQ(fence->region()->latitude(), 40.0);
     EXPECT_EQ(fence->region()->radius(), 25.5);
-    EXPECT_EQ(kit->map()->overlays()[1]->attributes(), Json::object());
 
-    const auto& regions = kit->beaconRegions();
-    ASSERT_EQ(regions.size(), 5u);
-    auto exact = regions[0]->region();
-    ASSERT_TRUE(exact);
-    EXPECT_EQ(exact->major(), 1);
-    EXPECT_EQ(exact->minor(), 2);
+    EXPECT_EQ(regionsOf(*kit), (Lines{"b-exact UMm 1/2", "b-major UM 1/*", "b-uuid U */*",
+                                      "b-minor Um -", "shared UMm 9/9"}))
+        << "a minor without a major is never registered";
+    auto exact = kit->beaconRegions()[0]->region();
     EXPECT_TRUE(exact->notifyOnEntry() && exact->notifyOnExit() &&
                 exact->notifyEntryStateOnDisplay());
-    EXPECT_EQ(regions[1]->region()->major(), 1);
-    EXPECT_FALSE(regions[1]->region()->minor());
-    EXPECT_FALSE(regions[2]->region()->major());
-    EXPECT_FALSE(regions[2]->hasMajor());
-    EXPECT_TRUE(regions[3]->hasMinor());
-    EXPECT_FALSE(regions[3]->region()) << "a minor without a major is never registered";
 
     // Circles shadow beacon regions of the same identifier.
     EXPECT_EQ(kit->getRegionForIdentifier("shared")->kind(), QZWRegion::Kind::Circle);
-    EXPECT_EQ(kit->getRegionForIdentifier("b-major"), regions[1]);
+    EXPECT_EQ(kit->getRegionForIdentifier("b-major"), kit->beaconRegions()[1]);
     EXPECT_EQ(kit->getRegionForIdentifier("B-MAJOR"), nullptr) << "identifiers are case-sensitive";
 
-    std::vector<std::string> seen;
+    Lines seen;
     for (std::size_t last : {99, 1}) {
         kit->enumerateIBeaconsUsingBlock([&](const auto& b, std::size_t i, bool& stop) {
             seen.push_back(std::to_string(i) + ":" + b->identifier().value_or("?"));
             stop = i == last;
         });
     }
-    EXPECT_EQ(seen, (std::vector<std::string>{"0:b-exact", "1:b-major", "2:b-uuid", "3:b-minor",
-                                              "4:shared", "0:b-exact", "1:b-major"}));
+    EXPECT_EQ(seen, (Lines{"0:b-exact", "1:b-major", "2:b-uuid", "3:b-minor", "4:shared",
+                           "0:b-exact", "1:b-major"}));
     EXPECT_EQ(fence->description(), "<QZWCircle identifier=fence-1>");
     EXPECT_EQ(QZWCircle(Json{{"type", "circle"}}).description(), "<QZWCircle identifier=(null)>");
 
     // A registered region without a minor stands for minor 0 when the kit is asked about it.
-    auto zero = build({{"ibeacons", {beaconEntry(kU, 1, 0, "zero"), beaconEntry(kU, 1, 1, "one")}}});
+    auto zero =
+        build({{"ibeacons", {beaconEntry(kU, 1, 0, "zero"), beaconEntry(kU, 1, 1, "one")}}});
     auto asked = zero->getIBeaconRegionForCLBeaconRegion(
         std::make_shared<const platform::BeaconRegion>(*UUID::parse(kU), 1, std::nullopt, "r"));
     EXPECT_EQ(asked->name(), "n-zero");
@@ -125,21 +131,14 @@ TEST(QZWKit, MoreThanTwentyEntriesCollapseToOneGenericRegionPerDistinctUUID) {
     many.push_back(beaconEntry(kU, 2, 2, "again"));
     many.push_back({{"identifier", "no-uuid"}});
     auto kit = build({{"ibeacons", many}});
-    ASSERT_EQ(kit->beaconRegions().size(), 2u);
-    EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{"Zonewise[Debug] More than 20 regions found, registering "
-                                        "generic UUID level regions"}));
-    for (std::size_t i = 0; i < 2; ++i) {
-        const auto& r = kit->beaconRegions()[i];
-        EXPECT_EQ(r->identifier(), "zw-ibeacon-region-" + std::to_string(i));
-        EXPECT_FALSE(r->hasMajor());
-        EXPECT_FALSE(r->hasMinor());
-        EXPECT_TRUE(r->attributes().is_null());
-        ASSERT_TRUE(r->region());
-        EXPECT_FALSE(r->region()->major()) << "a generic region monitors every beacon of its UUID";
-    }
+    EXPECT_EQ(console.lines(), (Lines{"Zonewise[Debug] More than 20 regions found, registering "
+                                      "generic UUID level regions"}));
+    EXPECT_EQ(regionsOf(*kit), (Lines{"zw-ibeacon-region-0 U */*", "zw-ibeacon-region-1 U */*"}))
+        << "a generic region monitors every beacon of its UUID";
     EXPECT_EQ(kit->beaconRegions()[0]->uuid()->uuidString(), kU) << "first appearance first";
     EXPECT_EQ(kit->beaconRegions()[1]->uuid()->uuidString(), kV);
+    EXPECT_TRUE(kit->beaconRegions()[0]->attributes().is_null());
+    EXPECT_TRUE(kit->beaconRegions()[1]->attributes().is_null());
 
     // 21 entries of one UUID: one region. The entries themselves stay in the document.
     Json same = Json::array();
@@ -166,21 +165,20 @@ TEST(QZWKit, RegionEqualityIsAsymmetricAndHashOrsTheUUIDHash) {
     QZWBeacon beacon(beaconEntry(kU, 5, 7, "b"));
     EXPECT_FALSE(exact->isEqual(&beacon)) << "only the same class compares";
 
-    std::size_t uuidHash = UUID::parse(kU)->hash();
-    EXPECT_EQ(exact->hash(), uuidHash | (std::size_t{5} ^ ~std::size_t{7}));
-    EXPECT_EQ(lower->hash(), uuidHash | (std::size_t{0} ^ ~std::size_t{0}));
-    std::size_t vHash = UUID::parse(kV)->hash();
-    EXPECT_EQ(QZWBeaconRegion(beaconEntry(kV, 4, nullptr, "x")).hash(), vHash | (4 ^ ~std::size_t{0}));
+    std::size_t uHash = UUID::parse(kU)->hash(), vHash = UUID::parse(kV)->hash(), none = ~0ul;
+    EXPECT_EQ(exact->hash(), uHash | (std::size_t{5} ^ ~std::size_t{7}));
+    EXPECT_EQ(lower->hash(), uHash | (std::size_t{0} ^ none));
+    EXPECT_EQ(QZWBeaconRegion(beaconEntry(kV, 4, nullptr, "x")).hash(), vHash | (4 ^ none));
     EXPECT_EQ(QZWBeaconRegion(beaconEntry(kV, nullptr, 4, "x")).hash(), vHash | ~std::size_t{4});
     // Without a UUID nothing masks the low bits: a missing major or minor counts as 0.
     EXPECT_EQ(QZWBeaconRegion(Json{{"major", 4}}).hash(), ~std::size_t{4});
     EXPECT_EQ(QZWBeaconRegion(Json{{"minor", 4}}).hash(), ~std::size_t{4});
-    EXPECT_EQ(exact->description(), std::string("<QZWBeaconRegion uuid=") + kU + " major=5 minor=7>");
+    EXPECT_EQ(exact->description(),
+              std::string("<QZWBeaconRegion uuid=") + kU + " major=5 minor=7>");
     EXPECT_EQ(lower->description(),
-              "<QZWBeaconRegion uuid=E621E1F8-C36C-495A-93FC-0C247A3E6E5F major=(null) minor=(null)>");
+              std::string("<QZWBeaconRegion uuid=") + kU + " major=(null) minor=(null)>");
 
-    platform::Beacon live{*UUID::parse(kU), 5, 7, 2, 1.2, -63};
-    QZWBeacon ranged(live, nullptr);
+    QZWBeacon ranged(platform::Beacon{*UUID::parse(kU), 5, 7, 2, 1.2, -63}, nullptr);
     EXPECT_TRUE(ranged.isEqual(&beacon));
     EXPECT_EQ(ranged.description(), std::string("<QZWBeacon uuid=") + kU + " major=5 minor=7>");
     EXPECT_EQ(ranged.rssi(), Number(-63));
@@ -203,8 +201,7 @@ TEST(QZWKit, KitIdKeepsTheLowThirtyTwoBitsSignExtended) {
 TEST(QZWKit, MalformedDocumentsYieldFewerFieldsAndNeverCrash) {
     test::LogLevelGuard quiet(QZWLogLevelError);
     EXPECT_EQ(QZWAPIDeserializer().buildKit(nullptr)->beaconRegions().size(), 0u);
-    Json nullKit;
-    auto empty = QZWAPIDeserializer().buildKit(&nullKit);
+    auto empty = build(Json());
     EXPECT_EQ(empty->id(), 0);
     EXPECT_FALSE(empty->name());
     EXPECT_FALSE(empty->map());
@@ -217,11 +214,10 @@ TEST(QZWKit, MalformedDocumentsYieldFewerFieldsAndNeverCrash) {
         {{"map", Json::array()}, {"ibeacons", Json::object()}},
         {{"map", {{"overlays", "x"}}}, {"ibeacons", "x"}},
         {{"map", {{"overlays", {1, "circle", nullptr, Json::array()}}}}},
-        {{"map",
-          {{"overlays",
-            {{{"type", "circle"}, {"center", "x"}, {"radius", "12.5"}, {"identifier", 3}},
-             {{"type", "circle"}, {"center", {1}}, {"radius", nullptr}},
-             {{"type", "circle"}, {"center", {"4", true, 3}}, {"attributes", {1, 2}}}}}}}},
+        Json::parse(R"({"map": {"overlays": [
+          {"type": "circle", "center": "x", "radius": "12.5", "identifier": 3},
+          {"type": "circle", "center": [1], "radius": null},
+          {"type": "circle", "center": ["4", true, 3], "attributes": [1, 2]}]}})"),
         {{"ibeacons",
           {1,
            "x",
@@ -242,49 +238,19 @@ TEST(QZWKit, MalformedDocumentsYieldFewerFieldsAndNeverCrash) {
         for (const auto& r : kit->beaconRegions()) (void)r->region();
     }
 
-    auto circles = build(hostile[5])->map()->overlays();
-    ASSERT_EQ(circles.size(), 3u);
-    EXPECT_EQ(circles[0]->radius(), 12.5f) << "numeric text reads as its number";
-    EXPECT_EQ(circles[0]->latitude(), 0.0f);
-    EXPECT_FALSE(circles[0]->identifier());
-    EXPECT_EQ(circles[0]->region()->identifier(), "");
-    EXPECT_EQ(circles[1]->latitude(), 1.0f);
-    EXPECT_EQ(circles[1]->longitude(), 0.0f);
-    EXPECT_EQ(circles[2]->latitude(), 4.0f);
-    EXPECT_EQ(circles[2]->longitude(), 1.0f);
-    EXPECT_EQ(circles[2]->attributes(), Json::object());
+    auto circles = build(hostile[5]);
+    EXPECT_EQ(circlesOf(*circles), (Lines{"0/0 r12.5", "1/0 r0", "4/1 r0"}))
+        << "numeric text reads as its number";
+    EXPECT_FALSE(circles->map()->overlays()[0]->identifier());
+    EXPECT_EQ(circles->map()->overlays()[0]->region()->identifier(), "");
+    EXPECT_EQ(circles->map()->overlays()[2]->attributes(), Json::object());
 
-    auto beacons = build(hostile[6])->beaconRegions();
-    ASSERT_EQ(beacons.size(), 6u) << "only object entries are entries";
-    EXPECT_FALSE(beacons[0]->uuid());
-    EXPECT_FALSE(beacons[0]->region());
-    EXPECT_FALSE(beacons[1]->uuid()) << "wrong types are absent";
-    EXPECT_FALSE(beacons[1]->hasMajor());
-    EXPECT_FALSE(beacons[2]->uuid()) << "braces are not the canonical form";
-    EXPECT_FALSE(beacons[3]->uuid()) << "nor is a UUID without hyphens";
-    EXPECT_FALSE(beacons[3]->region());
-    EXPECT_EQ(beacons[4]->region()->major(), 65535) << "16-bit as the platform takes it";
-    EXPECT_EQ(beacons[4]->region()->minor(), 70000 % 65536);
-    EXPECT_TRUE(beacons[4]->attributes().is_null()) << "a JSON null is kept";
-}
-
-TEST(QZWKit, DeepAttributesAndTenThousandEntries) {
-    test::LogLevelGuard quiet(QZWLogLevelError);
-    Json deep = Json::object();
-    Json* cur = &deep;
-    for (int i = 0; i < 400; ++i) cur = &((*cur)["d"] = Json::object());
-    Json list = Json::array();
-    for (int i = 0; i < 10000; ++i) {
-        list.push_back(beaconEntry(i % 2 ? kU : kV, i, i, "e" + std::to_string(i)));
-    }
-    list[0]["attributes"] = deep;
-    auto kit = build({{"ibeacons", list}});
-    EXPECT_EQ(kit->beaconRegions().size(), 2u);
-    auto hit = kit->getIBeaconForCLBeacon({*UUID::parse(kV), 0, 0, 1, 0.5, -60});
-    EXPECT_EQ(hit->identifier(), "e0");
-    EXPECT_EQ(hit->attributes(), deep);
-    auto last = kit->getIBeaconForCLBeacon({*UUID::parse(kU), 9999, 9999, 1, 0.5, -60});
-    EXPECT_EQ(last->identifier(), "e9999");
+    // Only object entries are entries; wrong types are absent; neither braces nor a UUID without
+    // hyphens are the canonical form; numbers are cut to 16 bits as the platform takes them.
+    auto beacons = build(hostile[6]);
+    EXPECT_EQ(regionsOf(*beacons),
+              (Lines{"?  -", "?  -", "? M -", "?  -", "? UMm 65535/4464", "? UMm 65535/0"}));
+    EXPECT_TRUE(beacons->beaconRegions()[4]->attributes().is_null()) << "a JSON null is kept";
 }
 
 TEST(QZWAPIDeserializer, PlatformWithoutBeaconSupportRegistersNoBeaconRegions) {
@@ -292,6 +258,5 @@ TEST(QZWAPIDeserializer, PlatformWithoutBeaconSupportRegistersNoBeaconRegions) {
     test::ConsoleCapture console;
     Json list = {beaconEntry(kU, 1, 1, "a")};
     EXPECT_TRUE(QZWAPIDeserializer(false).buildBeaconRegions(&list).empty());
-    EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{"Zonewise[Alert] Beacons are not supported on iOS 6.x"}));
+    EXPECT_EQ(console.lines(), (Lines{"Zonewise[Alert] Beacons are not supported on iOS 6.x"}));
 }

@@ -13,29 +13,20 @@ TEST(QZWLogger, ThresholdPrefixesAndLevelsWithoutAFormat) {
     LogLevelGuard guard(QZWLogLevelError);
     ConsoleCapture console;
     QZWLogger::logFormat(QZWLogLevelError, "API Request Failed with Error: {}", "x");
-    QZWLogger::log(QZWLogLevelCritical, "ERROR: Missing Zonewise.plist file.");
     QZWLogger::log(QZWLogLevelWarning, "Unable to load kit from cache file");
-    QZWLogger::log(QZWLogLevelDebug, "hidden");
-    EXPECT_EQ(console.lines(),
-              (std::vector<std::string>{"Zonewise[Error] API Request Failed with Error: x",
-                                        "Zonewise[Critical] ERROR: Missing Zonewise.plist file."}));
-
-    console.clear();
     QZWLogger::setLevel(QZWLogLevelDebug);
-    const char* names[] = {"Emergency", "Alert",  "Critical", "Error",
-                           "Warning",   "Notice", "Info",     "Debug"};
     for (int level = 0; level <= 7; ++level) QZWLogger::log(level, "m");
-    ASSERT_EQ(console.lines().size(), 8u);
-    for (int level = 0; level <= 7; ++level) {
-        EXPECT_EQ(console.lines()[level], std::string("Zonewise[") + names[level] + "] m");
-    }
-
-    console.clear();
     QZWLogger::log(-1, "negative passes every threshold but has no format");
     QZWLogger::setLevel(12);
     QZWLogger::log(9, "above Debug: formatted, never written");
-    EXPECT_TRUE(console.lines().empty());
+    EXPECT_EQ(
+        console.lines(),
+        (std::vector<std::string>{
+            "Zonewise[Error] API Request Failed with Error: x", "Zonewise[Emergency] m",
+            "Zonewise[Alert] m", "Zonewise[Critical] m", "Zonewise[Error] m", "Zonewise[Warning] m",
+            "Zonewise[Notice] m", "Zonewise[Info] m", "Zonewise[Debug] m"}));
 
+    console.clear();
     QZWLogger::setLevel(300);  // one signed byte
     EXPECT_EQ(QZWLogger::level(), 44);
     QZWLogger::setLevel(-1);
