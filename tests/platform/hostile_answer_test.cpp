@@ -16,15 +16,6 @@ using platform::Error;
 using platform::Json;
 using platform::Url;
 
-namespace {
-
-struct Outcome {
-    std::optional<Error> error;
-    std::optional<Json> object;
-};
-
-}  // namespace
-
 TEST(HostileAnswer, A120MBAnswerFailsItsRequestKeepsTheCacheAndTheProcessUnder256MB) {
     test::ConsoleCapture console;
     test::VirtualPlatform vp;
@@ -39,6 +30,10 @@ TEST(HostileAnswer, A120MBAnswerFailsItsRequestKeepsTheCacheAndTheProcessUnder25
     kitApi.writeToDiskFromURL(platform::toBytes(kit), *kitUrl);  // from the last good sync
     statusApi.writeToDisk(platform::toBytes(status), *statusUrl);
 
+    struct Outcome {
+        std::optional<Error> error;
+        std::optional<Json> object;
+    };
     auto kitOut = std::make_shared<Outcome>(), statusOut = std::make_shared<Outcome>(),
          feedOut = std::make_shared<Outcome>();
     auto into = [](std::shared_ptr<Outcome> out) {

@@ -11,20 +11,18 @@ using namespace quenby::platform;
 
 namespace {
 
+// Writes down "name/sender/value" for each notification named `name` (every one when empty).
 struct Recorder {
-    std::vector<std::string> got;  // "name/sender-tag/value"
-    std::vector<NotificationCenter::ObserverId> ids;
+    std::vector<std::string> got;
     NotificationCenter& center;
-    explicit Recorder(NotificationCenter& c, const std::string& name = "") : center(c) {
-        ids.push_back(c.addObserver(name, nullptr, [this](const Notification& n) {
-            const int* v = n.userInfo.get<int>("v");
-            got.push_back(n.name + "/" + static_cast<const char*>(n.sender) + "/" +
-                          (v ? std::to_string(*v) : "-"));
-        }));
-    }
-    ~Recorder() {
-        for (auto id : ids) center.removeObserver(id);
-    }
+    NotificationCenter::ObserverId id;
+    explicit Recorder(NotificationCenter& c, const std::string& name = "")
+        : center(c), id(c.addObserver(name, nullptr, [this](const Notification& n) {
+              const int* v = n.userInfo.get<int>("v");
+              got.push_back(n.name + "/" + static_cast<const char*>(n.sender) + "/" +
+                            (v ? std::to_string(*v) : "-"));
+          })) {}
+    ~Recorder() { center.removeObserver(id); }
 };
 
 const char* kA = "a";
@@ -38,12 +36,12 @@ Notification note(const std::string& name, const char* sender, int v) {
 
 }  // namespace
 
-TEST(NotificationQueue, DeliversAtEndOfPassCoalescedByNameAndSender) {
+TEST(NotificationQueue, DeliversAtEndOfPassCoalescedByNameAndSenderAndWhatDeliveryQueues) {
     test::VirtualPlatform vp;
     NotificationCenter center;
     Recorder rec(center);
+    auto& q = NotificationQueue::defaultQueue();
     vp.scheduler().performPass([&] {
-        auto& q = NotificationQueue::defaultQueue();
         q.enqueueNotification(note("Enter", kA, 1), center);
         q.enqueueNotification(note("Enter", kA, 2), center);  // same name and sender: dropped
         q.enqueueNotification(note("Enter", kB, 3), center);  // other sender: kept
@@ -52,18 +50,18 @@ TEST(NotificationQueue, DeliversAtEndOfPassCoalescedByNameAndSender) {
     });
     EXPECT_EQ(rec.got, (std::vector<std::string>{"Enter/a/1", "Enter/b/3", "Range/a/4"}));
 
-    // The next pass starts afresh: the same notification is delivered again.
-    vp.scheduler().performPass([&] {
-        NotificationQueue::defaultQueue().enqueueNotification(note("Enter", kA, 5), center);
+    // The next pass starts afresh; what an observer queues while being told is delivered too.
+    auto id = center.addObserver("Enter", nullptr, [&](const Notification&) {
+        q.enqueueNotification(note("Second", kA, 9), center);
     });
-    EXPECT_EQ(rec.got.back(), "Enter/a/5");
-}
+    vp.scheduler().performPass([&] { q.enqueueNotification(note("Enter", kA, 5), center); });
+    center.removeObserver(id);
+    EXPECT_EQ(rec.got, (std::vector<std::string>{"Enter/a/1", "Enter/b/3", "Range/a/4", "Enter/a/5",
+                                                 "Second/a/9"}));
 
-TEST(NotificationQueue, QueuedOutsideAPassOnTheHostIsDeliveredBySettle) {
-    test::VirtualPlatform vp;
-    NotificationCenter center;
-    Recorder rec(center);
-    NotificationQueue::defaultQueue().enqueueNotification(note("Late", kA, 1), center);
+    // Queued on the host outside a pass: delivered by settle.
+    rec.got.clear();
+    q.enqueueNotification(note("Late", kA, 1), center);
     EXPECT_TRUE(rec.got.empty());
     vp.scheduler().settle();
     EXPECT_EQ(rec.got, (std::vector<std::string>{"Late/a/1"}));
@@ -92,30 +90,7 @@ TEST(NotificationQueue, QueueTasksDeliverOnTheirOwnThreadAtTheEndOfEachTask) {
     EXPECT_EQ(deliveredOn, postedOn);
 }
 
-TEST(NotificationQueue, ThreadWithoutRunLoopPostsAtOnce) {
-    NotificationCenter center;
-    Recorder rec(center);
-    std::thread([&] {
-        NotificationQueue::defaultQueue().enqueueNotification(note("Now", kA, 1), center);
-        EXPECT_EQ(rec.got.size(), 1u);
-    }).join();
-}
-
-TEST(NotificationQueue, NotificationsQueuedDuringDeliveryAreDeliveredToo) {
-    test::VirtualPlatform vp;
-    NotificationCenter center;
-    Recorder rec(center, "Second");
-    auto id = center.addObserver("First", nullptr, [&](const Notification&) {
-        NotificationQueue::defaultQueue().enqueueNotification(note("Second", kA, 9), center);
-    });
-    vp.scheduler().performPass([&] {
-        NotificationQueue::defaultQueue().enqueueNotification(note("First", kA, 1), center);
-    });
-    center.removeObserver(id);
-    EXPECT_EQ(rec.got, (std::vector<std::string>{"Second/a/9"}));
-}
-
-TEST(NotificationCenter, FiltersByNameAndSenderAndHonoursRemovalDuringPost) {
+TEST(NotificationCenter, FiltersByNameAndSenderHonoursRemovalDuringPostAndPostsAtOnceOffLoop) {
     NotificationCenter center;
     std::vector<std::string> got;
     NotificationCenter::ObserverId second = 0;
@@ -131,6 +106,11 @@ TEST(NotificationCenter, FiltersByNameAndSenderAndHonoursRemovalDuringPost) {
     got.clear();
     center.post(note("X", kA, 0));
     EXPECT_EQ(got, (std::vector<std::string>{"onlyA:X", "all:X"}));
+    // A thread without a run loop posts at once.
+    std::thread([&] {
+        NotificationQueue::defaultQueue().enqueueNotification(note("Now", kA, 1), center);
+        EXPECT_EQ(got.back(), "all:Now");
+    }).join();
 
     UserInfo info;
     info.set("n", 3).set<std::string>("s", "x");

@@ -7,7 +7,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <fstream>
+#include <latch>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 
 #include "platform/notifications.h"
@@ -29,34 +31,22 @@ struct Log {
     }
 };
 
-// A task that holds a queue until released from the test thread.
+// Holds one task until released from the test thread.
 struct Gate {
-    std::mutex mu;
-    std::condition_variable cv;
-    bool entered = false, open = false;
+    std::latch entered{1}, open{1};
     void block() {
-        std::unique_lock lk(mu);
-        entered = true;
-        cv.notify_all();
-        cv.wait(lk, [&] { return open; });
+        entered.count_down();
+        open.wait();
     }
-    void waitEntered() {
-        std::unique_lock lk(mu);
-        cv.wait(lk, [&] { return entered; });
-    }
-    void release() {
-        std::lock_guard lk(mu);
-        open = true;
-        cv.notify_all();
-    }
+    void waitEntered() { entered.wait(); }
+    void release() { open.count_down(); }
 };
 
 // How often the thread whose /proc directory is `dir` has gone to sleep so far.
 long sleeps(const std::string& dir) {
     std::ifstream in(dir + "/status");
-    for (std::string line; std::getline(in, line);) {
+    for (std::string line; std::getline(in, line);)
         if (line.starts_with("voluntary_ctxt_switches:")) return std::stol(line.substr(24));
-    }
     return 0;
 }
 
@@ -88,54 +78,38 @@ TEST(Scheduler, VirtualTimersOfEveryKindFireInDueOrderOnlyWhenAdvanced) {
                   std::chrono::seconds(1));
     src->resume();
     s.postToMainAfter(45, [&] { log.add(s, "after"); });
+    // A timer that starts now fires on settle; one destroyed (not cancelled) stops too.
+    auto now = TimerSource::create(q);
+    now->setEventHandler([&] { log.add(s, "now"); });
+    now->setTimer(s.now(), std::chrono::seconds(35), std::chrono::seconds(1));
+    now->resume();
+    // A run-loop timer runs on the host thread and may invalidate itself.
+    int fired = 0;
+    std::shared_ptr<RunLoopTimer> self;
+    self = s.scheduleRunLoopTimer(25, true, [&] {
+        EXPECT_TRUE(s.isHostThread());
+        if (++fired == 3) self->invalidate();
+    });
 
     s.settle();
-    EXPECT_TRUE(log.events.empty()) << "nothing is due at the start";
+    EXPECT_EQ(log.events, (std::vector<std::pair<double, std::string>>{{0, "now"}}))
+        << "nothing else is due at the start";
     EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart) << "settle never moves time";
 
     s.advanceBy(60);
-    std::vector<std::pair<double, std::string>> want = {{10, "source"}, {30, "runloop"},
-                                                        {30, "source"}, {45, "after"},
-                                                        {50, "source"}, {60, "runloop"}};
+    std::vector<std::pair<double, std::string>> want = {
+        {0, "now"},  {10, "source"}, {30, "runloop"}, {30, "source"},
+        {35, "now"}, {45, "after"},  {50, "source"},  {60, "runloop"}};
     EXPECT_EQ(log.events, want);
     EXPECT_EQ(s.now().timeIntervalSince1970(), kTestStart + 60);
 
     rl->invalidate();
     src->cancel();
+    now.reset();
     s.advanceBy(600);
-    EXPECT_EQ(log.events.size(), want.size()) << "invalidated and cancelled timers stay quiet";
-}
-
-TEST(Scheduler, TimerStartingNowFiresOnSettleAndDestroyedSourcesStop) {
-    test::VirtualPlatform vp;
-    auto& s = vp.scheduler();
-    std::atomic<int> ticks{0};
-    auto q = s.createSerialQueue("test.now");
-    auto src = TimerSource::create(q);
-    src->setEventHandler([&] { ++ticks; });
-    src->setTimer(s.now(), std::chrono::seconds(30), std::chrono::seconds(1));
-    src->resume();
-    s.settle();
-    EXPECT_EQ(ticks, 1) << "a timer that starts now fires at once";
-    s.advanceBy(30);
-    EXPECT_EQ(ticks, 2);
-    src.reset();
-    s.advanceBy(300);
-    EXPECT_EQ(ticks, 2);
-}
-
-TEST(Scheduler, RunLoopTimerRunsOnHostThreadAndMayInvalidateItself) {
-    test::VirtualPlatform vp;
-    auto& s = vp.scheduler();
-    int fired = 0;
-    std::shared_ptr<RunLoopTimer> t;
-    t = s.scheduleRunLoopTimer(5, true, [&] {
-        EXPECT_TRUE(s.isHostThread());
-        if (++fired == 3) t->invalidate();
-    });
-    s.advanceBy(100);
+    EXPECT_EQ(log.events.size(), want.size()) << "invalidated, cancelled, destroyed: quiet";
     EXPECT_EQ(fired, 3);
-    EXPECT_FALSE(t->isValid());
+    EXPECT_FALSE(self->isValid());
 }
 
 TEST(Scheduler, SerialQueueRunsInOrderAndSyncWaitsForEarlierWork) {
@@ -165,19 +139,14 @@ TEST(Scheduler, SerialQueueRunsInOrderAndSyncWaitsForEarlierWork) {
     EXPECT_TRUE(onCaller);
     EXPECT_FALSE(q->isCurrent());
     EXPECT_EQ(maxConcurrent, 1);
+    std::atomic<int> ran{0};  // tasks of a queue whose object is gone still run
+    {
+        auto gone = s.createSerialQueue("test.gone");
+        for (int i = 0; i < 10; ++i) gone->async([&] { ++ran; });
+    }
     s.settle();
     ASSERT_EQ(order.size(), 201u);
     for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
-}
-
-TEST(Scheduler, QueuedTasksRunAfterTheQueueObjectIsGone) {
-    test::VirtualPlatform vp;
-    std::atomic<int> ran{0};
-    {
-        auto q = vp.scheduler().createSerialQueue("test.gone");
-        for (int i = 0; i < 10; ++i) q->async([&] { ++ran; });
-    }
-    vp.scheduler().settle();
     EXPECT_EQ(ran, 10);
 }
 
@@ -212,9 +181,7 @@ TEST(Scheduler, DataAddSourceCoalescesMergesIntoOnePassAndOneMoreDuringARun) {
     Gate hold;
     q->async([&] { hold.block(); });
     hold.waitEntered();
-    src->mergeData(1);
-    src->mergeData(1);
-    src->mergeData(1);
+    for (int i = 0; i < 3; ++i) src->mergeData(1);
     hold.release();
     s.settle();
     EXPECT_EQ(runs, (std::vector<unsigned long>{2, 3}));
@@ -223,8 +190,7 @@ TEST(Scheduler, DataAddSourceCoalescesMergesIntoOnePassAndOneMoreDuringARun) {
     blockFirst = true;
     src->mergeData(1);
     inHandler.waitEntered();
-    src->mergeData(1);
-    src->mergeData(1);
+    for (int i = 0; i < 2; ++i) src->mergeData(1);
     inHandler.release();
     s.settle();
     EXPECT_EQ(runs, (std::vector<unsigned long>{2, 3, 1, 2}));
@@ -247,17 +213,16 @@ TEST(Scheduler, SettleWaitsForHttpInFlightIncludingFireAndForget) {
 
     std::atomic<bool> completed{false};
     std::thread::id completionThread;
-    HttpRequest slow;
-    slow.url = server.url("/slow");
-    vp.platform->http->send(slow, [&](HttpResponse r) {
+    HttpRequest req;
+    req.url = server.url("/slow");
+    vp.platform->http->send(req, [&](HttpResponse r) {
         EXPECT_FALSE(r.error);
         EXPECT_EQ(toString(r.body), "done");
         completionThread = std::this_thread::get_id();
         completed = true;
     });
-    HttpRequest ping;
-    ping.url = server.url("/ping");
-    vp.platform->http->send(ping, nullptr);
+    req.url = server.url("/ping");
+    vp.platform->http->send(req, nullptr);
 
     // Let the server go only once it holds the request, from another thread: settle() must not
     // return before the completion has run.
@@ -277,11 +242,13 @@ TEST(Scheduler, SettleWaitsForHttpInFlightIncludingFireAndForget) {
     vp.scheduler().settle();
 }
 
-TEST(Scheduler, MainQueueWorkFromBackgroundRunsOnHostDuringSettle) {
+TEST(Scheduler, MainQueueWorkFromBackgroundRunsOnHostDuringSettleAndThrowingIsNotFatal) {
     test::VirtualPlatform vp;
+    test::ConsoleCapture console;
     auto& s = vp.scheduler();
     std::vector<int> order;
     bool onHost = false;
+    s.dispatchGlobal([] { throw std::runtime_error("boom"); });
     s.dispatchGlobal([&] {
         s.postToMain([&] {
             onHost = s.isHostThread();
@@ -292,20 +259,13 @@ TEST(Scheduler, MainQueueWorkFromBackgroundRunsOnHostDuringSettle) {
     s.settle();
     EXPECT_TRUE(onHost);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
+    EXPECT_TRUE(console.contains("Uncaught exception in background task: boom"));
 
     // A host without a loop of its own serves the same queue with run().
     s.postToMain([&] { order.push_back(3); });
     s.postToMain([&] { s.stop(); });
     s.run();
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-}
-
-TEST(Scheduler, ExceptionInBackgroundTaskIsReportedNotFatal) {
-    test::VirtualPlatform vp;
-    test::ConsoleCapture console;
-    vp.scheduler().dispatchGlobal([] { throw std::runtime_error("boom"); });
-    vp.scheduler().settle();
-    EXPECT_TRUE(console.contains("Uncaught exception in background task: boom"));
 }
 
 TEST(Scheduler, SystemClockTimersFireOnTheirOwnAndIdleThreadsSleepThroughOthersWork) {
@@ -329,20 +289,12 @@ TEST(Scheduler, SystemClockTimersFireOnTheirOwnAndIdleThreadsSleepThroughOthersW
     EXPECT_LE(sleeps("/proc/thread-self") - hostSleeps, 10);
     later->invalidate();
 
-    auto q = s->createSerialQueue("test.system");
-    std::mutex mu;
-    std::condition_variable cv;
-    int ticks = 0;
-    auto src = TimerSource::create(q);
-    src->setEventHandler([&] {
-        std::lock_guard lk(mu);
-        ++ticks;
-        cv.notify_all();
-    });
+    std::counting_semaphore<> ticks{0};
+    auto src = TimerSource::create(s->createSerialQueue("test.system"));
+    src->setEventHandler([&] { ticks.release(); });
     src->setTimer(s->now(), std::chrono::milliseconds(1), std::chrono::milliseconds(0));
     src->resume();
-    std::unique_lock lk(mu);
-    cv.wait(lk, [&] { return ticks >= 3; });
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(ticks.try_acquire_for(std::chrono::seconds(10)));
     src->cancel();
 }
 

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <regex>
+#include <sstream>
 
 #include "support/bluez_mock.h"
 #include "support/daemons.h"
@@ -37,31 +38,25 @@ std::string example(const std::string& name) {
     return text.value_or("");
 }
 
-// The agent's JSON trace lines so far.
-std::vector<json> traceOf(const Child& agent) {
-    std::vector<json> lines;
+// Whether a whole trace line so far has every field of `wantText`, a JSON object keyed by JSON
+// pointer.
+bool saw(const Child& agent, const std::string& wantText) {
+    json want = json::parse(wantText);
     std::string out = agent.output();
-    std::size_t pos = 0;
-    while (pos < out.size()) {
-        std::size_t end = out.find('\n', pos);
-        if (end == std::string::npos) break;  // a line still being written
-        auto j = json::parse(out.substr(pos, end - pos), nullptr, false);
-        if (!j.is_discarded() && j.is_object()) lines.push_back(std::move(j));
-        pos = end + 1;
-    }
-    return lines;
-}
-
-bool has(const Child& agent, const std::function<bool(const json&)>& pred) {
-    for (const auto& l : traceOf(agent)) {
-        if (pred(l)) return true;
+    std::istringstream in(out.substr(0, out.rfind('\n') + 1));  // not a line still being written
+    for (std::string line; std::getline(in, line);) {
+        json l = json::parse(line, nullptr, false);
+        bool all = l.is_object();
+        for (const auto& [k, v] : want.items())
+            all = all && l.contains(json::json_pointer(k)) && l[json::json_pointer(k)] == v;
+        if (all) return true;
     }
     return false;
 }
 
-json firstRow(const std::string& database, const std::string& sql) {
-    auto rows = quenby::test::queryRows(database, sql);
-    return rows.empty() ? json() : rows.front();
+std::string place(int id, int event) {
+    return R"({"/type": "delegate", "/name": "lurewave:didDetectPlace:onEvent:", "/place/id": )" +
+           std::to_string(id) + ", \"/event\": " + std::to_string(event) + "}";
 }
 
 std::unique_ptr<Child> agent(const std::vector<std::string>& args,
@@ -79,13 +74,8 @@ TEST(LurewaveAgent, BadArgumentsUnreadableBundleAndMissingUsageKeyEachExitWithOn
     std::map<std::string, std::string> env{
         {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + dir.file("no-bus")},
         {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + dir.file("no-bus")}};
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string message;
-    };
     std::filesystem::create_directories(dir.file("empty"));
-    std::vector<Case> cases{
+    std::vector<std::tuple<std::vector<std::string>, int, std::string>> cases{
         {{"--bundle"}, 2, "--bundle"},
         {{"--bundle", kExamples, "--exit-timeout", "-1"}, 2, "exit-timeout"},
         {{"--bundle", kExamples, "--gpsd", "host:port"}, 2, "--gpsd wants HOST:PORT"},
@@ -95,13 +85,13 @@ TEST(LurewaveAgent, BadArgumentsUnreadableBundleAndMissingUsageKeyEachExitWithOn
          3,
          "Missing info.plist key"},
     };
-    for (const auto& c : cases) {
-        auto a = agent(c.args, env);
+    for (const auto& [args, want, message] : cases) {
+        auto a = agent(args, env);
         ASSERT_TRUE(a);
         auto status = a->wait(20);
-        ASSERT_TRUE(status) << c.args[0];
-        EXPECT_EQ(*status, c.status) << a->output();
-        EXPECT_NE(a->output().find(c.message), std::string::npos) << a->output();
+        ASSERT_TRUE(status) << args[0];
+        EXPECT_EQ(*status, want) << a->output();
+        EXPECT_NE(a->output().find(message), std::string::npos) << a->output();
     }
 }
 
@@ -122,9 +112,8 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
     int port = quenby::testing::freePort();
     quenby::test::writeFile(dir.file("kit.json"), withPort(example("kit.json"), port));
     quenby::test::writeFile(dir.file("campaigns.json"), withPort(example("campaigns.json"), port));
-    for (const char* plist : {"Info.plist", "Lurewave.plist", "Zonewise.plist"}) {
+    for (const char* plist : {"Info.plist", "Lurewave.plist", "Zonewise.plist"})
         quenby::test::writeFile(dir.file("bundle/") + plist, withPort(example(plist), port));
-    }
     auto server =
         Child::spawn({QUENBY_SIM_TOOL, "serve", "--kit", dir.file("kit.json"), "--campaigns",
                       dir.file("campaigns.json"), "--port", std::to_string(port)});
@@ -134,11 +123,10 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
 
     // The walk: from 120 m south of the car park's centre up to it, then standing there.
     std::vector<std::string> walk;
-    for (int i = 0; i <= 12; ++i) {
-        walk.push_back(
-            quenby::testing::nmeaGGA(40.0 - (120.0 - 10.0 * i) / 111320.0, -75.0, 36000 + i));
+    for (int i = 0; i < 900; ++i) {
+        double south = std::max(0.0, 120.0 - 10.0 * i);
+        walk.push_back(quenby::testing::nmeaGGA(40.0 - south / 111320.0, -75.0, 36000 + i));
     }
-    for (int i = 13; i < 900; ++i) walk.push_back(quenby::testing::nmeaGGA(40.0, -75.0, 36000 + i));
     auto gps = quenby::testing::GpsFake::start(walk, &why);
     ASSERT_TRUE(gps) << why;
 
@@ -150,21 +138,11 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
     ASSERT_TRUE(a);
 
     // The geofence first: the car park is place 1, entered.
-    ASSERT_TRUE(waitFor(
-        [&] {
-            return has(*a, [](const json& l) {
-                return l["type"] == "delegate" && l["name"] == "lurewave:didDetectPlace:onEvent:" &&
-                       l["place"]["id"] == 1 && l["event"] == 1;
-            });
-        },
-        30))
-        << a->output();
+    ASSERT_TRUE(waitFor([&] { return saw(*a, place(1, 1)); }, 30)) << a->output();
     // Ranging runs once the kit's beacon regions are registered; then the coffee shelf's beacon
     // is heard 0.6 m away, inside the campaign's 2 m trigger distance.
     ASSERT_TRUE(waitFor([&] {
-        return has(*a, [](const json& l) {
-            return l["type"] == "location" && l["call"] == "startRangingBeaconsInRegion";
-        });
+        return saw(*a, R"({"/type": "location", "/call": "startRangingBeaconsInRegion"})");
     }));
     std::array<std::uint8_t, 16> uuid{0xE6, 0x21, 0xE1, 0xF8, 0xC3, 0x6C, 0x49, 0x5A,
                                       0x93, 0xFC, 0x0C, 0x24, 0x7A, 0x3E, 0x6E, 0x5F};
@@ -174,10 +152,8 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
         // A beacon advertises all the time: keep its readings coming.
         bluez->setRssi(coffee, static_cast<std::int16_t>(rssi));
         rssi = rssi == -55 ? -54 : -55;
-        return has(*a, [](const json& l) {
-            return l["type"] == "delegate" && l["name"] == "lurewave:didFindCampaign:" &&
-                   l["campaign"]["id"] == "coffee-20";
-        });
+        return saw(*a, R"({"/type": "delegate", "/name": "lurewave:didFindCampaign:",
+                           "/campaign/id": "coffee-20"})");
     };
     ASSERT_TRUE(waitFor(found, 30)) << a->output();
     // The host shows it: a desktop notification.
@@ -189,13 +165,7 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
     }));
     // Walking away from the shelf: silent for --exit-timeout (3 s, not the default 10), the
     // coffee shelf's region is left.
-    auto leftShelf = [&] {
-        return has(*a, [](const json& l) {
-            return l["type"] == "delegate" && l["name"] == "lurewave:didDetectPlace:onEvent:" &&
-                   l["place"]["id"] == 2 && l["event"] == 2;
-        });
-    };
-    ASSERT_TRUE(waitFor(leftShelf, 7)) << a->output();
+    ASSERT_TRUE(waitFor([&] { return saw(*a, place(2, 2)); }, 7)) << a->output();
     // Analytics on the next 30-second tick, beacon sightings on the status watchdog.
     ASSERT_TRUE(waitFor(
         [&] {
@@ -211,16 +181,18 @@ TEST(LurewaveAgent, WalksIntoTheStoreFindsTheCampaignNotifiesUploadsAndStopsClea
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 0) << a->output();
     // It stopped as a host application does: the kit's regions were cleared.
-    EXPECT_TRUE(has(*a, [](const json& l) {
-        return l["type"] == "location" && l["call"] == "stopMonitoringForRegion" &&
-               l["region"]["identifier"] == "car-park";
-    }));
+    EXPECT_TRUE(saw(*a, R"({"/type": "location", "/call": "stopMonitoringForRegion",
+                            "/region/identifier": "car-park"})"));
+    using quenby::test::queryRows;
     std::string analytics = dir.file("docs/ZonewiseAnalytics.sqlite");
     std::string tallyline = dir.file("docs/Tallyline.sqlite");
     for (const auto& db : {analytics, tallyline})
-        EXPECT_EQ(firstRow(db, "pragma integrity_check"), json({{"integrity_check", "ok"}})) << db;
-    EXPECT_GE(firstRow(analytics, "select count(*) as n from region_sessions")["n"], 1);
-    EXPECT_GE(firstRow(tallyline,
-                       "select count(*) as n from beacon_sessions where beacon_minor = 2")["n"],
-              1);
+        EXPECT_EQ(queryRows(db, "pragma integrity_check"),
+                  (std::vector<json>{{{"integrity_check", "ok"}}}))
+            << db;
+    EXPECT_GE(queryRows(analytics, "select count(*) as n from region_sessions").at(0)["n"], 1);
+    EXPECT_GE(
+        queryRows(tallyline, "select count(*) as n from beacon_sessions where beacon_minor = 2")
+            .at(0)["n"],
+        1);
 }

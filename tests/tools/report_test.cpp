@@ -85,15 +85,10 @@ long peakKb(const std::vector<std::string>& args) {
     argv.push_back(nullptr);
     // AddressSanitizer's quarantine holds freed memory up to 256 MB, which would read as growth.
     std::vector<std::string> env;
-    std::string asan = "ASAN_OPTIONS=quarantine_size_mb=1";
-    for (char** e = environ; *e; ++e) {
-        std::string v = *e;
-        if (v.rfind("ASAN_OPTIONS=", 0) == 0)
-            asan = v + ":quarantine_size_mb=1";
-        else
-            env.push_back(v);
-    }
-    env.push_back(asan);
+    for (char** e = environ; *e; ++e)
+        if (!std::string_view(*e).starts_with("ASAN_OPTIONS=")) env.push_back(*e);
+    const char* asan = getenv("ASAN_OPTIONS");
+    env.push_back("ASAN_OPTIONS=" + (asan ? std::string(asan) + ":" : "") + "quarantine_size_mb=1");
     std::vector<char*> envp;
     for (auto& v : env) envp.push_back(v.data());
     envp.push_back(nullptr);
@@ -128,14 +123,11 @@ TEST(Timeline, FoldsEachRegionsRangingWhereItBeganUntilTheRegionGoesQuiet) {
         ranged(12, "door", "Front door", -1),  // unknown accuracy is no nearest
         ranged(12, "coffee", "Coffee shelf", 6.0),
         ranged(22, "door", "Front door", 0.5),  // within the quiet gap: still the same run
-        {{"t", 22},
-         {"type", "delegate"},
-         {"name", "zonewise:didRangeBeacons:inRegion:"},
-         {"region", {{"identifier", "door"}, {"name", "Front door"}}}},  // the same report
-        {{"t", 23},
-         {"type", "location"},
-         {"call", "requestStateForRegion"},
-         {"region", {{"class", "circle"}}}},
+        // The same report, as the delegate hears it.
+        OrderedJson::parse(R"({"t": 22, "type": "delegate", "name": "zonewise:didRangeBeacons:inRegion:",
+                               "region": {"identifier": "door", "name": "Front door"}})"),
+        OrderedJson::parse(R"({"t": 23, "type": "location", "call": "requestStateForRegion",
+                               "region": {"class": "circle"}})"),
         ranged(33, "door", "Front door", 9.0),  // 11 s of silence: a new run, of one report
         placeRanged(40, 3, ""),                 // a place without a name is named by its id
         placeRanged(41, 3, ""),
@@ -182,27 +174,24 @@ TEST(Timeline, FoldsEachRegionsRangingWhereItBeganUntilTheRegionGoesQuiet) {
 }
 
 TEST(Timeline, ADocumentReadsAsOneLineWhateverItHolds) {
-    EXPECT_EQ(Timeline::summarizeDocument(
-                  R"({"app_id":"A","beacon_status_events":[{"last_seen":"2026-03-01T09:00:58Z",)"
-                  R"("major":1,"minor":2,"uuid":"U"},{"first_seen":"2026-03-01T09:01:00Z","major":3,"minor":4}]})"),
-              "beacon status: 1/2 last seen 09:00:58 3/4 first seen 09:01:00");
-    EXPECT_EQ(Timeline::summarizeDocument(
-                  R"({"lurewave_events":[{"campaign_id":"c","event_type":"found","place_id":"2"},)"
-                  R"({"campaign_id":"c","event_type":"viewed","place_id":"2"}],"zonewise_events":[{)"
-                  R"("region_sessions":[{"region_major":1,"region_minor":1}],)"
-                  R"("geo_region_sessions":[{"region_id":"lot"}]}]})"),
-              "lurewave events: found c at place 2, viewed c at place 2; visits: beacon region 1/1, "
-              "geofence lot");
-    EXPECT_EQ(Timeline::summarizeDocument(R"({"ios_token":"7a1f"})"), "push token 7a1f");
-    // Shapes nobody sends still read, and never throw.
-    EXPECT_EQ(Timeline::summarizeDocument("not json"), "not json");
-    EXPECT_EQ(Timeline::summarizeDocument(std::string(200, 'x')).size(), 120u);
     std::string fits = "{\"k\":\"" + std::string(112, 'x') + "\"}";  // 120 characters: kept whole
-    EXPECT_EQ(Timeline::summarizeDocument(fits), fits);
-    EXPECT_EQ(Timeline::summarizeDocument(R"({"zonewise_events":[5,{"region_sessions":"x"}],)"
-                                          R"("a_events":[1,{"event_type":3}]})"),
-              "a events: ?; visits: none");
-    EXPECT_EQ(Timeline::summarizeDocument("[1,2]"), "[1,2]");
+    for (const auto& [document, reads] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"app_id":"A","beacon_status_events":[{"last_seen":"2026-03-01T09:00:58Z",)"
+              R"("major":1,"minor":2,"uuid":"U"},{"first_seen":"2026-03-01T09:01:00Z","major":3,"minor":4}]})",
+              "beacon status: 1/2 last seen 09:00:58 3/4 first seen 09:01:00"},
+             {R"({"lurewave_events":[{"campaign_id":"c","event_type":"found","place_id":"2"},)"
+              R"({"campaign_id":"c","event_type":"viewed","place_id":"2"}],"zonewise_events":[{)"
+              R"("region_sessions":[{"region_major":1,"region_minor":1}],)"
+              R"("geo_region_sessions":[{"region_id":"lot"}]}]})",
+              "lurewave events: found c at place 2, viewed c at place 2; visits: beacon region 1/1, "
+              "geofence lot"},
+             {R"({"ios_token":"7a1f"})", "push token 7a1f"},
+             // Shapes nobody sends still read, and never throw.
+             {"not json", "not json"}, {fits, fits}, {"[1,2]", "[1,2]"},
+             {R"({"zonewise_events":[5,{"region_sessions":"x"}],"a_events":[1,{"event_type":3}]})",
+              "a events: ?; visits: none"}})
+        EXPECT_EQ(Timeline::summarizeDocument(document), reads);
+    EXPECT_EQ(Timeline::summarizeDocument(std::string(200, 'x')).size(), 120u);
 }
 
 TEST(LurewaveSim, BundledExampleTellsItsStoryInAShortTimelineAMapAndAReport) {
