@@ -20,6 +20,7 @@ using namespace quenby::sensing;
 using quenby::testing::BluezMock;
 using quenby::testing::PrivateBus;
 using quenby::testing::waitFor;
+using Source = BluezBeaconSource;
 
 // sdbus-c++ 1.2 (Debian) leaks the sd_bus object it made when a connection to a bus named by its
 // address cannot be started: the failure throws before the object is released. Only the tests that
@@ -67,26 +68,19 @@ class BluezSourceTest : public ::testing::Test {
         if (!bus_) GTEST_SKIP() << "no private D-Bus daemon in this sandbox: " << why;
         bluez_ = BluezMock::start(*bus_, &why);
         ASSERT_TRUE(bluez_) << why;
-        scheduler_ = Scheduler::create(std::make_shared<SystemClock>());
-        location_ = LocationService::create(scheduler_);
-        manager_ = location_->createLocationManager();
-        recorder_ = std::make_shared<Recorder>();
         manager_->setDelegate(recorder_);
-        BeaconRegionMonitor::Options mo;
-        mo.exitTimeout = 1.5;
-        mo.rangingInterval = 0.25;
-        monitor_ = BeaconRegionMonitor::create(scheduler_, location_, mo);
     }
 
     void TearDown() override {
         source_.reset();
-        if (monitor_) monitor_->shutdown();
+        monitor_->shutdown();
     }
 
-    void startSource(std::optional<std::string> adapter = std::nullopt) {
+    void startSource(std::optional<std::string> adapter = std::nullopt,
+                     std::optional<std::string> bus = std::nullopt) {
         BluezBeaconSource::Options o;
         o.adapter = std::move(adapter);
-        o.busAddress = bus_->address();
+        o.busAddress = bus ? *bus : bus_->address();
         o.retryInterval = 0.2;
         source_ = BluezBeaconSource::create(scheduler_, monitor_, o);
     }
@@ -101,16 +95,18 @@ class BluezSourceTest : public ::testing::Test {
 
     // Waits for `pred` while serving the host thread's queue, where the source delivers.
     bool until(const std::function<bool()>& pred, double seconds = 5.0) {
-        return waitFor(
-            [&] {
-                scheduler_->settle();
-                return pred();
-            },
-            seconds);
+        return waitFor([&] { return scheduler_->settle(), pred(); }, seconds);
     }
 
     bool discovering(const std::string& adapter = "hci0") {
         return until([&] { return bluez_->discovering(adapter) == true; });
+    }
+    // hci0, the store watched, and the source discovering on it.
+    void running() {
+        bluez_->addAdapter("hci0");
+        watchStore();
+        startSource();
+        ASSERT_TRUE(discovering());
     }
 
     BluezBeaconSource::Stats stats() const { return source_->stats(); }
@@ -126,17 +122,15 @@ class BluezSourceTest : public ::testing::Test {
 
     std::unique_ptr<PrivateBus> bus_;
     std::unique_ptr<BluezMock> bluez_;
-    std::shared_ptr<Scheduler> scheduler_;
-    std::shared_ptr<LocationService> location_;
-    std::shared_ptr<LocationManager> manager_;
-    std::shared_ptr<Recorder> recorder_;
-    std::shared_ptr<BeaconRegionMonitor> monitor_;
+    std::shared_ptr<Scheduler> scheduler_ = Scheduler::create(std::make_shared<SystemClock>());
+    std::shared_ptr<LocationService> location_ = LocationService::create(scheduler_);
+    std::shared_ptr<LocationManager> manager_ = location_->createLocationManager();
+    std::shared_ptr<Recorder> recorder_ = std::make_shared<Recorder>();
+    std::shared_ptr<BeaconRegionMonitor> monitor_ = BeaconRegionMonitor::create(
+        scheduler_, location_, {.exitTimeout = 1.5, .rangingInterval = 0.25});
     std::shared_ptr<BeaconRegion> store_;
     std::unique_ptr<BluezBeaconSource> source_;
 };
-
-// ---------------------------------------------------------------------------------------------
-// Discovery follows the monitor
 
 TEST_F(BluezSourceTest, DiscoveryRunsExactlyWhileARegionIsWatched) {
     bluez_->addAdapter("hci0");
@@ -188,31 +182,21 @@ TEST_F(BluezSourceTest, NamedAdapterIsChosenOverTheFirstPoweredOne) {
     // A named adapter that is missing is a failure, whatever else is powered.
     startSource("hci7");
     ASSERT_TRUE(until([&] { return !recorder_->monitoringFailures.empty(); }));
-    EXPECT_EQ(recorder_->monitoringFailures[0].domain, BluezBeaconSource::kErrorDomain);
-    EXPECT_EQ(recorder_->monitoringFailures[0].code, BluezBeaconSource::NoAdapter);
-    EXPECT_EQ(recorder_->monitoringFailures[0].description,
-              "Bluetooth adapter hci7 is missing or powered off");
+    EXPECT_EQ(recorder_->monitoringFailures[0],
+              (Error{Source::kErrorDomain, Source::NoAdapter,
+                     "Bluetooth adapter hci7 is missing or powered off"}));
     EXPECT_EQ(stats().discoveryStarts, 0u);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Advertisements
-
 TEST_F(BluezSourceTest, BeaconEntersAndRangesWithTheRadioModelsAccuracy) {
-    bluez_->addAdapter("hci0");
-    watchStore();
-    startSource();
-    ASSERT_TRUE(discovering());
+    ASSERT_NO_FATAL_FAILURE(running());
 
     auto path = beacon("C0:FF:EE:00:00:01", -65);
     ASSERT_TRUE(until([&] { return !recorder_->enters.empty(); }));
     EXPECT_EQ(recorder_->enters, std::vector<std::string>{"store"});
     ASSERT_TRUE(until([&] { return !recorder_->reports.empty(); }));
     const Beacon& b = recorder_->reports.back().at(0);
-    EXPECT_EQ(b.proximityUUID, kStore);
-    EXPECT_EQ(b.major, 1);
-    EXPECT_EQ(b.minor, 2);
-    EXPECT_EQ(b.rssi, -65);
+    EXPECT_EQ(std::tuple(b.proximityUUID, b.major, b.minor, b.rssi), std::tuple(kStore, 1, 2, -65));
     EXPECT_NEAR(b.accuracy, RadioModel::distanceFor(-59, -65), 0.005);  // reported in cm
 
     // BlueZ sends RSSI alone while the frame stays the same: each reading still counts.
@@ -233,35 +217,30 @@ TEST_F(BluezSourceTest, BeaconEntersAndRangesWithTheRadioModelsAccuracy) {
     ASSERT_TRUE(until([&] { return stats().advertisements == before + 6; }));
 }
 
-TEST_F(BluezSourceTest, MalformedManufacturerDataIsIgnored) {
-    bluez_->addAdapter("hci0");
-    watchStore();
-    startSource();
-    ASSERT_TRUE(discovering());
+TEST_F(BluezSourceTest, MalformedManufacturerDataAndCrowdsOfOtherDevicesAreIgnored) {
+    ASSERT_NO_FATAL_FAILURE(running());
     auto path = bluez_->addDevice("hci0", "BA:D0:00:00:00:01", "odd");
     ASSERT_TRUE(until([&] { return stats().ignored >= 1; }));  // announced without a frame
 
     auto frame = quenby::testing::iBeaconFrame(kStore.bytes(), 1, 2, -59);
-    auto shorter = std::vector<std::uint8_t>(frame.begin(), frame.end() - 1);
-    auto longer = frame;
-    longer.push_back(0);
-    auto otherType = frame;
-    otherType[0] = 0x10;
-    auto otherLength = frame;
-    otherLength[1] = 0x16;
     using Data = std::map<std::uint16_t, sdbus::Variant>;
+    auto apple = [](auto v) {
+        return sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(v)}});
+    };
+    auto edited = [&](auto edit) {
+        auto f = frame;
+        edit(f);
+        return apple(f);
+    };
     const std::vector<std::pair<std::string, sdbus::Variant>> bad = {
-        {"short frame", sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(shorter)}})},
-        {"long frame", sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(longer)}})},
-        {"other Apple type", sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(otherType)}})},
-        {"wrong length byte",
-         sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(otherLength)}})},
-        {"empty frame",
-         sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(std::vector<std::uint8_t>{})}})},
+        {"short frame", edited([](auto& f) { f.pop_back(); })},
+        {"long frame", edited([](auto& f) { f.push_back(0); })},
+        {"other Apple type", edited([](auto& f) { f[0] = 0x10; })},
+        {"wrong length byte", edited([](auto& f) { f[1] = 0x16; })},
+        {"empty frame", apple(std::vector<std::uint8_t>{})},
         {"other company", sdbus::Variant(Data{{0x0059, sdbus::Variant(frame)}})},
         {"no entries", sdbus::Variant(Data{})},
-        {"frame as a string",
-         sdbus::Variant(Data{{BluezMock::kApple, sdbus::Variant(std::string("\x02\x15"))}})},
+        {"frame as a string", apple(std::string("\x02\x15"))},
         {"not a dictionary", sdbus::Variant(frame)},
         {"string keys",
          sdbus::Variant(std::map<std::string, sdbus::Variant>{{"76", sdbus::Variant(frame)}})},
@@ -282,103 +261,67 @@ TEST_F(BluezSourceTest, MalformedManufacturerDataIsIgnored) {
     bluez_->setRssi(path, -45);
     ASSERT_TRUE(until([&] { return stats().ignored == ignored + 3; }));
     EXPECT_EQ(stats().advertisements, 1u);
-    // Still serving: a good beacon elsewhere is heard.
-    beacon("C0:FF:EE:00:00:02", -60);
-    ASSERT_TRUE(until([&] { return stats().advertisements == 2; }));
-}
 
-TEST_F(BluezSourceTest, HundredsOfUnrelatedDevicesDoNotDisturb) {
-    bluez_->addAdapter("hci0");
-    watchStore();
-    startSource();
-    ASSERT_TRUE(discovering());
+    // Hundreds of devices without a frame do not disturb: a good beacon among them is heard, and
+    // nothing else.
     constexpr int kCrowd = 300;
-    for (int i = 0; i < kCrowd; ++i)
-        bluez_->addDevice("hci0", fmt::format("10:00:00:00:{:02X}:{:02X}", i / 256, i % 256),
-                          "phone");
-    beacon("C0:FF:EE:00:00:03", -62);
-    for (int i = 0; i < kCrowd; i += 3) {
-        bluez_->setRssi(BluezMock::devicePath(
-                            "hci0", fmt::format("10:00:00:00:{:02X}:{:02X}", i / 256, i % 256)),
-                        -70);
-    }
-    ASSERT_TRUE(until([&] { return stats().ignored >= kCrowd + kCrowd / 3; }));
-    ASSERT_TRUE(until([&] { return !recorder_->enters.empty(); }));
-    EXPECT_EQ(stats().advertisements, 1u);  // the beacon's frame, nothing else
+    auto phone = [](int i) { return fmt::format("10:00:00:00:{:02X}:{:02X}", i / 256, i % 256); };
+    ignored = stats().ignored;
+    for (int i = 0; i < kCrowd; ++i) bluez_->addDevice("hci0", phone(i), "phone");
+    beacon("C0:FF:EE:00:00:02", -60);
+    for (int i = 0; i < kCrowd; i += 3)
+        bluez_->setRssi(BluezMock::devicePath("hci0", phone(i)), -70);
+    ASSERT_TRUE(until([&] { return stats().ignored >= ignored + kCrowd + kCrowd / 3; }));
+    EXPECT_EQ(stats().advertisements, 2u);
+    recorder_->reports.clear();
     ASSERT_TRUE(until([&] { return !recorder_->reports.empty(); }));
     EXPECT_EQ(recorder_->reports.back().size(), 1u);
-    for (int i = 0; i < kCrowd; i += 2)
-        bluez_->removeDevice("hci0", fmt::format("10:00:00:00:{:02X}:{:02X}", i / 256, i % 256));
+    for (int i = 0; i < kCrowd; i += 2) bluez_->removeDevice("hci0", phone(i));
     EXPECT_TRUE(recorder_->monitoringFailures.empty());
 }
 
-// ---------------------------------------------------------------------------------------------
-// Outages and recovery
-
-TEST_F(BluezSourceTest, PoweredOffFailsOncePoweredOnResumes) {
-    bluez_->addAdapter("hci0");
-    watchStore();
-    startSource();
-    ASSERT_TRUE(discovering());
-
-    bluez_->setPowered("hci0", false);
-    ASSERT_TRUE(until([&] {
-        return !recorder_->monitoringFailures.empty() && !recorder_->rangingFailures.empty();
-    }));
-    EXPECT_EQ(recorder_->monitoringFailures[0].domain, BluezBeaconSource::kErrorDomain);
-    EXPECT_EQ(recorder_->monitoringFailures[0].code, BluezBeaconSource::NoAdapter);
-    // Nothing is heard while off.
-    beacon("C0:FF:EE:00:00:04", -60);
-    ASSERT_TRUE(until([&] { return stats().advertisements == 1; }));
-
-    bluez_->setPowered("hci0", true);
-    ASSERT_TRUE(until([&] { return stats().discoveryStarts == 2; }));
-    EXPECT_TRUE(recorder_->enters.empty());
-    bluez_->setRssi(BluezMock::devicePath("hci0", "C0:FF:EE:00:00:04"), -58);
-    ASSERT_TRUE(until([&] { return !recorder_->enters.empty(); }));
-    EXPECT_EQ(recorder_->monitoringFailures.size(), 1u);
-    EXPECT_EQ(recorder_->rangingFailures.size(), 1u);
-}
-
-TEST_F(BluezSourceTest, BluetoothdRestartFailsThenRecovers) {
-    bluez_->addAdapter("hci0");
-    watchStore();
-    startSource();
-    ASSERT_TRUE(discovering());
-
+TEST_F(BluezSourceTest, BluetoothdRestartAdapterRemovedOrPoweredOffFailOnceEachAndRecover) {
+    ASSERT_NO_FATAL_FAILURE(running());
     bluez_->kill();
     ASSERT_TRUE(until([&] { return !recorder_->monitoringFailures.empty(); }));
-    EXPECT_EQ(recorder_->monitoringFailures[0].code, BluezBeaconSource::DaemonGone);
-
+    EXPECT_EQ(recorder_->monitoringFailures[0].code, Source::DaemonGone);
     ASSERT_TRUE(bluez_->restart());
     bluez_->addAdapter("hci0");
     ASSERT_TRUE(discovering());
     EXPECT_EQ(stats().discoveryStarts, 2u);
-    beacon("C0:FF:EE:00:00:05", -60);
-    ASSERT_TRUE(until([&] { return !recorder_->enters.empty(); }));
-}
 
-TEST_F(BluezSourceTest, AdapterRemovedThenAddedAgainRecovers) {
-    bluez_->addAdapter("hci0");
-    watchStore();
-    startSource();
-    ASSERT_TRUE(discovering());
-    auto stale = beacon("C0:FF:EE:00:00:06", -60);
-    ASSERT_TRUE(until([&] { return !recorder_->enters.empty(); }));
-
+    // Another beacon's: heard, but no region of ours to enter.
+    auto stale = bluez_->addDevice("hci0", "C0:FF:EE:00:00:06", "other");
+    bluez_->setIBeacon(stale, kOther.bytes(), 1, 2, -59);
+    ASSERT_TRUE(until([&] { return stats().advertisements == 1; }));
     bluez_->removeAdapter("hci0");
-    ASSERT_TRUE(until([&] { return !recorder_->monitoringFailures.empty(); }));
-    EXPECT_EQ(recorder_->monitoringFailures[0].code, BluezBeaconSource::NoAdapter);
-
+    ASSERT_TRUE(until([&] { return recorder_->monitoringFailures.size() == 2; }));
+    EXPECT_EQ(recorder_->monitoringFailures[1].code, Source::NoAdapter);
     bluez_->addAdapter("hci0");
-    ASSERT_TRUE(until([&] { return stats().discoveryStarts == 2; }));
+    ASSERT_TRUE(until([&] { return stats().discoveryStarts == 3; }));
     EXPECT_EQ(bluez_->discovering("hci0"), true);
     // The devices of the removed adapter went with it: a lone RSSI on the old path is nothing.
-    auto advertisements = stats().advertisements;
     auto ignored = stats().ignored;
     bluez_->setRssi(stale, -55);
     ASSERT_TRUE(until([&] { return stats().ignored == ignored + 1; }));
-    EXPECT_EQ(stats().advertisements, advertisements);
+    EXPECT_EQ(stats().advertisements, 1u);
+
+    bluez_->setPowered("hci0", false);
+    ASSERT_TRUE(until([&] {
+        return recorder_->monitoringFailures.size() == 3 && recorder_->rangingFailures.size() == 3;
+    }));
+    EXPECT_EQ(recorder_->monitoringFailures[2].domain, Source::kErrorDomain);
+    EXPECT_EQ(recorder_->monitoringFailures[2].code, Source::NoAdapter);
+    // Heard while off, but nothing enters.
+    beacon("C0:FF:EE:00:00:04", -60);
+    ASSERT_TRUE(until([&] { return stats().advertisements == 2; }));
+    bluez_->setPowered("hci0", true);
+    ASSERT_TRUE(until([&] { return stats().discoveryStarts == 4; }));
+    EXPECT_TRUE(recorder_->enters.empty());
+    bluez_->setRssi(BluezMock::devicePath("hci0", "C0:FF:EE:00:00:04"), -58);
+    ASSERT_TRUE(until([&] { return !recorder_->enters.empty(); }));
+    EXPECT_EQ(recorder_->monitoringFailures.size(), 3u);
+    EXPECT_EQ(recorder_->rangingFailures.size(), 3u);
 }
 
 TEST_F(BluezSourceTest, RefusedDiscoveryFailsWithBluezsErrorAndIsRetried) {
@@ -388,8 +331,7 @@ TEST_F(BluezSourceTest, RefusedDiscoveryFailsWithBluezsErrorAndIsRetried) {
     startSource();
     ASSERT_TRUE(until([&] { return !recorder_->monitoringFailures.empty(); }));
     EXPECT_EQ(recorder_->monitoringFailures[0],
-              (Error{"org.bluez.Error.NotReady", BluezBeaconSource::DiscoveryRefused,
-                     "Resource Not Ready"}));
+              (Error{"org.bluez.Error.NotReady", Source::DiscoveryRefused, "Resource Not Ready"}));
 
     bluez_->acceptDiscovery("hci0");
     ASSERT_TRUE(discovering());
@@ -398,13 +340,10 @@ TEST_F(BluezSourceTest, RefusedDiscoveryFailsWithBluezsErrorAndIsRetried) {
 }
 
 TEST_F(BluezSourceTest, UnreachableOrLostBusIsAFailure) {
-    BluezBeaconSource::Options o;
-    o.busAddress = "unix:path=/nonexistent/quenby-bus";
-    o.retryInterval = 0.2;
     watchStore();
-    source_ = BluezBeaconSource::create(scheduler_, monitor_, o);
+    startSource(std::nullopt, "unix:path=/nonexistent/quenby-bus");
     ASSERT_TRUE(until([&] { return !recorder_->rangingFailures.empty(); }));
-    EXPECT_EQ(recorder_->rangingFailures[0].code, BluezBeaconSource::BusUnreachable);
+    EXPECT_EQ(recorder_->rangingFailures[0].code, Source::BusUnreachable);
     source_.reset();
 
     // dbus-daemon itself going away under running discovery: a failure, and reconnecting
@@ -416,9 +355,9 @@ TEST_F(BluezSourceTest, UnreachableOrLostBusIsAFailure) {
     bus_.reset();
     ASSERT_TRUE(until([&] { return !recorder_->rangingFailures.empty(); }));
     // A dbus-daemon stopping in good order announces bluetoothd's departure before it drops us.
-    EXPECT_EQ(recorder_->rangingFailures[0].domain, BluezBeaconSource::kErrorDomain);
-    EXPECT_TRUE(recorder_->rangingFailures[0].code == BluezBeaconSource::BusUnreachable ||
-                recorder_->rangingFailures[0].code == BluezBeaconSource::DaemonGone);
+    EXPECT_EQ(recorder_->rangingFailures[0].domain, Source::kErrorDomain);
+    EXPECT_TRUE(recorder_->rangingFailures[0].code == Source::BusUnreachable ||
+                recorder_->rangingFailures[0].code == Source::DaemonGone);
     source_.reset();
     bluez_.reset();  // its bus is gone; it only stops its process
 }

@@ -299,24 +299,20 @@ TEST_F(BeaconMonitorTest, RegionsRegisteredOnAnotherThreadReachTheHostAndShutdow
 
 TEST(IBeaconFrame, ParsesExactlyTheProximityFrame) {
     std::vector<std::uint8_t> f = {0x02, 0x15};
-    for (auto b : kStore.bytes()) f.push_back(b);
-    for (std::uint8_t b : {0x12, 0x34, 0xAB, 0xCD, 0xC5}) f.push_back(b);
+    f.insert(f.end(), kStore.bytes().begin(), kStore.bytes().end());
+    f.insert(f.end(), {0x12, 0x34, 0xAB, 0xCD, 0xC5});
     auto p = parseIBeaconFrame(f.data(), f.size());
     ASSERT_TRUE(p);
-    EXPECT_EQ(p->uuid, kStore);
-    EXPECT_EQ(p->major, 0x1234);
-    EXPECT_EQ(p->minor, 0xABCD);
-    EXPECT_EQ(p->measuredPower, -59);
-
-    EXPECT_FALSE(parseIBeaconFrame(f.data(), f.size() - 1));
-    auto longer = f;
+    EXPECT_EQ(std::tuple(p->uuid, p->major, p->minor, p->measuredPower),
+              std::tuple(kStore, 0x1234, 0xABCD, -59));
+    // One byte short or long, another type or length byte, nothing at all.
+    auto longer = f, otherType = f, otherLength = f;
     longer.push_back(0);
-    EXPECT_FALSE(parseIBeaconFrame(longer.data(), longer.size()));
-    for (std::size_t i : {0, 1}) {
-        auto wrong = f;
-        wrong[i] ^= 0x01;
-        EXPECT_FALSE(parseIBeaconFrame(wrong.data(), wrong.size()));
-    }
+    otherType[0] ^= 0x01;
+    otherLength[1] ^= 0x01;
+    EXPECT_FALSE(parseIBeaconFrame(f.data(), f.size() - 1));
+    for (const auto& bad : {longer, otherType, otherLength})
+        EXPECT_FALSE(parseIBeaconFrame(bad.data(), bad.size()));
     EXPECT_FALSE(parseIBeaconFrame(nullptr, 0));
     EXPECT_FALSE(parseIBeaconFrame(nullptr, 23));
 }

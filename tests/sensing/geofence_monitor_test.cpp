@@ -85,7 +85,12 @@ TEST(GreatCircleDistanceTest, MatchesKnownDistances) {
 TEST_F(GeofenceMonitorTest, WalkInAndOutGivesOneEnterThenOneExitAfterTheMargin) {
     manager->startMonitoringForRegion(shop);
     auto m = start();
-    walk(*m, {300, 150, 101});
+    // From unknown, the margin band already counts as outside, without an event.
+    walk(*m, {110});
+    requestState(shop);
+    EXPECT_EQ(recorder->transitions(), std::vector<std::string>{"state shop 2"});
+    recorder->events.clear();
+    walk(*m, {115, 300, 150, 101});
     EXPECT_EQ(recorder->transitions(), std::vector<std::string>{});
     recorder->events.clear();
     walk(*m, {99, 40});
@@ -99,21 +104,9 @@ TEST_F(GeofenceMonitorTest, WalkInAndOutGivesOneEnterThenOneExitAfterTheMargin) 
     EXPECT_EQ(recorder->transitions(), std::vector<std::string>{"enter shop"});
     walk(*m, {121, 200, 500});
     EXPECT_EQ(recorder->transitions(), (std::vector<std::string>{"enter shop", "exit shop"}));
-    // Back in, once more.
     walk(*m, {90});
     EXPECT_EQ(recorder->transitions(),
               (std::vector<std::string>{"enter shop", "exit shop", "enter shop"}));
-}
-
-TEST_F(GeofenceMonitorTest, TheMarginBandCountsAsOutsideFromUnknownWithoutAnEvent) {
-    manager->startMonitoringForRegion(shop);
-    auto m = start();
-    walk(*m, {110});
-    requestState(shop);
-    EXPECT_EQ(recorder->transitions(), std::vector<std::string>{"state shop 2"});
-    walk(*m, {115, 200});  // already outside: no exit
-    walk(*m, {80});
-    EXPECT_EQ(recorder->transitions(), (std::vector<std::string>{"state shop 2", "enter shop"}));
 }
 
 TEST_F(GeofenceMonitorTest, ReceiverJitterAtTheEdgeNeverFlaps) {
@@ -211,7 +204,7 @@ TEST_F(GeofenceMonitorTest, RegionsRegisteredFromAnotherThreadAreFollowedOnceSet
                                         "enter shop4"}));
 }
 
-TEST_F(GeofenceMonitorTest, SourceFailureReachesEveryCircularRegionOncePerOutage) {
+TEST_F(GeofenceMonitorTest, SourceFailureReachesEveryCircularRegionOncePerOutageUntilShutdown) {
     auto park = std::make_shared<CircularRegion>(kLat, kLng + 0.1, 50.0, "park");
     manager->startMonitoringForRegion(shop);
     manager->startMonitoringForRegion(
@@ -227,6 +220,14 @@ TEST_F(GeofenceMonitorTest, SourceFailureReachesEveryCircularRegionOncePerOutage
     m->fix(at(500));
     m->sourceFailed(gone);
     EXPECT_EQ(recorder->transitions().size(), 4u);
+
+    // After shutdown nothing is told any more.
+    recorder->events.clear();
+    m->shutdown();
+    m->fix(at(0));
+    m->sourceFailed(Error{"gpsd", 0, "closed"});
+    requestState(shop);
+    EXPECT_EQ(recorder->events, std::vector<std::string>{});
 }
 
 TEST_F(GeofenceMonitorTest, StoppedRegionsFallSilentAndComeBackUnknown) {
@@ -257,16 +258,6 @@ TEST_F(GeofenceMonitorTest, StoppedRegionsFallSilentAndComeBackUnknown) {
     walk(*m, {0});
     EXPECT_EQ(recorder->transitions(),
               (std::vector<std::string>{"enter shop", "enter shop", "enter shop", "enter shop"}));
-}
-
-TEST_F(GeofenceMonitorTest, ShutdownStopsEverything) {
-    manager->startMonitoringForRegion(shop);
-    auto m = start();
-    m->shutdown();
-    m->fix(at(0));
-    m->sourceFailed(Error{"gpsd", 0, "closed"});
-    requestState(shop);
-    EXPECT_EQ(recorder->events, std::vector<std::string>{});
 }
 
 }  // namespace

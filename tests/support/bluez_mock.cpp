@@ -10,53 +10,50 @@ namespace quenby::testing {
 namespace {
 constexpr char kBluez[] = "org.bluez";
 constexpr char kMockInterface[] = "org.bluez.Mock";
-constexpr char kDbusMockInterface[] = "org.freedesktop.DBus.Mock";
 constexpr char kAdapterInterface[] = "org.bluez.Adapter1";
-constexpr char kDeviceInterface[] = "org.bluez.Device1";
 constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
 
-bool fail(const std::string& what, const sdbus::Error& e) {
-    ADD_FAILURE() << "bluez mock: " << what << ": " << e.getName() << ": " << e.getMessage();
-    return false;
+// `method` on the mock's object at `path`: its reply, or nothing when the mock refused it (a
+// failure of the current test unless `quiet`).
+template <typename... Args>
+std::optional<sdbus::MethodReply> call(sdbus::IConnection& bus, bool quiet, const std::string& path,
+                                       const char* interface, const std::string& method,
+                                       const Args&... args) {
+    try {
+        auto proxy = sdbus::createProxy(bus, kBluez, path);
+        auto m = proxy->createMethodCall(interface, method);
+        (m << ... << args);
+        return proxy->callMethod(m);
+    } catch (const sdbus::Error& e) {
+        if (!quiet)
+            ADD_FAILURE() << "bluez mock: " << method << " on " << path << ": " << e.getName()
+                          << ": " << e.getMessage();
+        return std::nullopt;
+    }
 }
 }  // namespace
 
 std::vector<std::uint8_t> iBeaconFrame(const std::array<std::uint8_t, 16>& uuid,
                                        std::uint16_t major, std::uint16_t minor,
                                        std::int8_t measuredPower) {
-    std::vector<std::uint8_t> f(2 + uuid.size() + 5);
-    f[0] = 0x02;
-    f[1] = 0x15;
-    std::copy(uuid.begin(), uuid.end(), f.begin() + 2);
-    f[18] = static_cast<std::uint8_t>(major >> 8);
-    f[19] = static_cast<std::uint8_t>(major & 0xff);
-    f[20] = static_cast<std::uint8_t>(minor >> 8);
-    f[21] = static_cast<std::uint8_t>(minor & 0xff);
-    f[22] = static_cast<std::uint8_t>(measuredPower);
+    std::vector<std::uint8_t> f{0x02, 0x15};
+    for (auto byte : uuid) f.push_back(byte);
+    for (int byte : {major >> 8, major & 0xff, minor >> 8, minor & 0xff, measuredPower & 0xff})
+        f.push_back(static_cast<std::uint8_t>(byte));
     return f;
 }
 
 std::unique_ptr<BluezMock> BluezMock::start(const PrivateBus& bus, std::string* whyNot) {
     std::unique_ptr<BluezMock> m(new BluezMock(bus));
     m->mock_ = DbusMock::start(bus, /*systemBus=*/true, "bluez5", kBluez, whyNot);
-    if (!m->mock_ || !m->connect(whyNot)) return nullptr;
-    return m;
-}
-
-BluezMock::~BluezMock() {
-    connection_.reset();
-    mock_.reset();
-}
-
-bool BluezMock::connect(std::string* whyNot) {
-    if (connection_) return true;
+    if (!m->mock_) return nullptr;
     try {
-        connection_ = sdbus::createSessionBusConnectionWithAddress(bus_.address());
-        return true;
+        m->connection_ = sdbus::createSessionBusConnectionWithAddress(bus.address());
     } catch (const sdbus::Error& e) {
         if (whyNot) *whyNot = "cannot connect to the private bus: " + e.getMessage();
-        return false;
+        return nullptr;
     }
+    return m;
 }
 
 void BluezMock::kill() {
@@ -68,40 +65,20 @@ bool BluezMock::restart(std::string* whyNot) {
     mock_.reset();
     std::string why;
     mock_ = DbusMock::start(bus_, /*systemBus=*/true, "bluez5", kBluez, &why);
-    if (!mock_) {
-        if (whyNot) *whyNot = why;
-        ADD_FAILURE() << "bluez mock did not come back: " << why;
-        return false;
-    }
-    return true;
-}
-
-std::unique_ptr<sdbus::IProxy> BluezMock::proxy(const std::string& path) {
-    return sdbus::createProxy(*connection_, kBluez, path);
+    if (!mock_) ADD_FAILURE() << "bluez mock did not come back: " << why;
+    if (!mock_ && whyNot) *whyNot = why;
+    return mock_ != nullptr;
 }
 
 std::string BluezMock::addAdapter(const std::string& name, const std::string& systemName) {
-    try {
-        std::string path;
-        proxy("/")
-            ->callMethod("AddAdapter")
-            .onInterface(kMockInterface)
-            .withArguments(name, systemName)
-            .storeResultsTo(path);
-        return path;
-    } catch (const sdbus::Error& e) {
-        fail("AddAdapter " + name, e);
-        return {};
-    }
+    std::string path;
+    if (auto r = call(*connection_, false, "/", kMockInterface, "AddAdapter", name, systemName))
+        *r >> path;
+    return path;
 }
 
 bool BluezMock::removeAdapter(const std::string& name) {
-    try {
-        proxy("/")->callMethod("RemoveAdapter").onInterface(kMockInterface).withArguments(name);
-        return true;
-    } catch (const sdbus::Error& e) {
-        return fail("RemoveAdapter " + name, e);
-    }
+    return call(*connection_, false, "/", kMockInterface, "RemoveAdapter", name).has_value();
 }
 
 bool BluezMock::setPowered(const std::string& name, bool powered) {
@@ -147,16 +124,9 @@ bool BluezMock::acceptDiscovery(const std::string& name) {
 
 bool BluezMock::addAdapterMethod(const std::string& name, const std::string& method,
                                  const std::string& code) {
-    try {
-        proxy(adapterPath(name))
-            ->callMethod("AddMethod")
-            .onInterface(kDbusMockInterface)
-            .withArguments(std::string(kAdapterInterface), method, std::string(), std::string(),
-                           code);
-        return true;
-    } catch (const sdbus::Error& e) {
-        return fail("AddMethod " + method + " on " + name, e);
-    }
+    return call(*connection_, false, adapterPath(name), "org.freedesktop.DBus.Mock", "AddMethod",
+                std::string(kAdapterInterface), method, std::string(), std::string(), code)
+        .has_value();
 }
 
 std::string BluezMock::devicePath(const std::string& adapter, const std::string& address) {
@@ -168,30 +138,17 @@ std::string BluezMock::devicePath(const std::string& adapter, const std::string&
 
 std::string BluezMock::addDevice(const std::string& adapter, const std::string& address,
                                  const std::string& alias) {
-    try {
-        std::string path;
-        proxy("/")
-            ->callMethod("AddDevice")
-            .onInterface(kMockInterface)
-            .withArguments(adapter, address, alias)
-            .storeResultsTo(path);
-        return path;
-    } catch (const sdbus::Error& e) {
-        fail("AddDevice " + address, e);
-        return {};
-    }
+    std::string path;
+    if (auto r =
+            call(*connection_, false, "/", kMockInterface, "AddDevice", adapter, address, alias))
+        *r >> path;
+    return path;
 }
 
 bool BluezMock::removeDevice(const std::string& adapter, const std::string& address) {
-    try {
-        proxy(adapterPath(adapter))
-            ->callMethod("RemoveDevice")
-            .onInterface(kAdapterInterface)
-            .withArguments(sdbus::ObjectPath(devicePath(adapter, address)));
-        return true;
-    } catch (const sdbus::Error& e) {
-        return fail("RemoveDevice " + address, e);
-    }
+    return call(*connection_, false, adapterPath(adapter), kAdapterInterface, "RemoveDevice",
+                sdbus::ObjectPath(devicePath(adapter, address)))
+        .has_value();
 }
 
 bool BluezMock::setManufacturerData(const std::string& devicePath,
@@ -211,37 +168,24 @@ bool BluezMock::setRssi(const std::string& devicePath, std::int16_t rssi) {
 
 bool BluezMock::setDeviceProperty(const std::string& devicePath, const std::string& property,
                                   const sdbus::Variant& value) {
-    return setProperty(devicePath, kDeviceInterface, property, value);
+    return setProperty(devicePath, "org.bluez.Device1", property, value);
 }
 
 bool BluezMock::setProperty(const std::string& path, const std::string& interface,
                             const std::string& property, const sdbus::Variant& value) {
-    try {
-        proxy(path)
-            ->callMethod("Set")
-            .onInterface(kPropertiesInterface)
-            .withArguments(interface, property, value);
-        return true;
-    } catch (const sdbus::Error& e) {
-        return fail("Set " + path + " " + property, e);
-    }
+    return call(*connection_, false, path, kPropertiesInterface, "Set", interface, property, value)
+        .has_value();
 }
 
+// Quiet: an unknown property (no filter yet) or adapter answers the caller's "is it there".
 std::optional<sdbus::Variant> BluezMock::getProperty(const std::string& path,
                                                      const std::string& interface,
                                                      const std::string& property) {
-    try {
-        sdbus::Variant v;
-        proxy(path)
-            ->callMethod("Get")
-            .onInterface(kPropertiesInterface)
-            .withArguments(interface, property)
-            .storeResultsTo(v);
-        return v;
-    } catch (const sdbus::Error&) {
-        // Unknown property (no filter yet) or no such adapter: the caller asked "is it there".
-        return std::nullopt;
-    }
+    sdbus::Variant v;
+    auto r = call(*connection_, true, path, kPropertiesInterface, "Get", interface, property);
+    if (!r) return std::nullopt;
+    *r >> v;
+    return v;
 }
 
 }  // namespace quenby::testing

@@ -36,17 +36,13 @@ class BluezMock {
 
     // Starts the mock on `bus`; nothing (and `whyNot`) when it does not come up.
     static std::unique_ptr<BluezMock> start(const PrivateBus& bus, std::string* whyNot);
-    ~BluezMock();
-    BluezMock(const BluezMock&) = delete;
-    BluezMock& operator=(const BluezMock&) = delete;
 
-    // --- bluetoothd -----------------------------------------------------------------------
     // Kills it at once (a crash: no InterfacesRemoved) and waits until org.bluez has no owner.
     void kill();
     // A new bluetoothd, with no adapters, as after a restart. Kills the running one first.
     bool restart(std::string* whyNot = nullptr);
 
-    // --- Adapters, by name ("hci0") -----------------------------------------------------------
+    // Adapters, by name ("hci0").
     // Adds a powered adapter; its object path.
     std::string addAdapter(const std::string& name, const std::string& systemName = "my-computer");
     // Removes it (its devices stay, as the template leaves them).
@@ -62,7 +58,6 @@ class BluezMock {
     // StartDiscovery works again (sets Discovering and announces it, like the template).
     bool acceptDiscovery(const std::string& name);
 
-    // --- Devices --------------------------------------------------------------------------
     static std::string adapterPath(const std::string& name) { return "/org/bluez/" + name; }
     static std::string devicePath(const std::string& adapter, const std::string& address);
     // Adds a device ("AA:BB:CC:DD:EE:FF") under `adapter`; its object path.
@@ -83,8 +78,6 @@ class BluezMock {
 
   private:
     BluezMock(const PrivateBus& bus) : bus_(bus) {}
-    bool connect(std::string* whyNot);
-    std::unique_ptr<sdbus::IProxy> proxy(const std::string& path);
     bool setProperty(const std::string& path, const std::string& interface,
                      const std::string& property, const sdbus::Variant& value);
     std::optional<sdbus::Variant> getProperty(const std::string& path, const std::string& interface,

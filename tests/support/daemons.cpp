@@ -14,59 +14,38 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 extern char** environ;
 
 namespace quenby::testing {
 
-namespace {
-using Clock = std::chrono::steady_clock;
-
-std::string makeTempDir(const char* prefix) {
-    std::string t = std::filesystem::temp_directory_path().string() + "/" + prefix + "XXXXXX";
-    if (!mkdtemp(t.data())) return {};
-    return t;
-}
-}  // namespace
-
 bool waitFor(const std::function<bool()>& pred, double seconds) {
-    auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     for (;;) {
         if (pred()) return true;
-        if (Clock::now() >= deadline) return pred();
+        if (std::chrono::steady_clock::now() >= deadline) return pred();
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
 
-// ---------------------------------------------------------------------------------------------
-// Child
-
 std::unique_ptr<Child> Child::spawn(const std::vector<std::string>& argv,
                                     const std::map<std::string, std::string>& env) {
     std::unique_ptr<Child> c(new Child());
-    std::string dir = makeTempDir("quenby-child-");
-    c->outputFile_ = dir + "/output";
-
-    std::map<std::string, std::string> all;
-    for (char** e = environ; *e; ++e) {
-        std::string kv(*e);
-        auto eq = kv.find('=');
-        if (eq != std::string::npos) all[kv.substr(0, eq)] = kv.substr(eq + 1);
-    }
-    for (const auto& [k, v] : env) all[k] = v;
-    std::vector<std::string> envStrings;
-    for (const auto& [k, v] : all) envStrings.push_back(k + "=" + v);
-    std::vector<char*> envp, args;
-    for (auto& s : envStrings) envp.push_back(s.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argvCopy = argv;
-    for (auto& s : argvCopy) args.push_back(s.data());
+    // Extra variables through env(1): what a program reads from its environment then always
+    // wins over the inherited value, whichever end of the list it looks at first.
+    std::vector<std::string> all;
+    if (!env.empty()) all.push_back("env");
+    for (const auto& [k, v] : env) all.push_back(k + "=" + v);
+    all.insert(all.end(), argv.begin(), argv.end());
+    std::vector<char*> args;
+    for (auto& s : all) args.push_back(s.data());
     args.push_back(nullptr);
 
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, c->outputFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
+    posix_spawn_file_actions_addopen(&fa, 1, c->dir_.file("output").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_adddup2(&fa, 1, 2);
     posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
     posix_spawnattr_t attr;
@@ -76,7 +55,7 @@ std::unique_ptr<Child> Child::spawn(const std::vector<std::string>& argv,
     sigset_t none;
     sigemptyset(&none);
     posix_spawnattr_setsigmask(&attr, &none);
-    int rc = posix_spawnp(&c->pid_, args[0], &fa, &attr, args.data(), envp.data());
+    int rc = posix_spawnp(&c->pid_, args[0], &fa, &attr, args.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
     posix_spawnattr_destroy(&attr);
     if (rc != 0) return nullptr;
@@ -114,9 +93,6 @@ void Child::guardGroup() {
 
 Child::~Child() {
     stop();
-    std::error_code ec;
-    if (!outputFile_.empty())
-        std::filesystem::remove_all(std::filesystem::path(outputFile_).parent_path(), ec);
 }
 
 bool Child::running() {
@@ -129,21 +105,16 @@ void Child::signal(int sig) {
 
 std::optional<int> Child::wait(double seconds) {
     if (status_ || pid_ <= 0) return status_;
-    auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-    for (;;) {
-        int st = 0;
-        pid_t r = waitpid(pid_, &st, WNOHANG);
-        if (r == pid_) {
-            status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            return status_;
-        }
-        if (r < 0) {
-            status_ = -1;
-            return status_;
-        }
-        if (Clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    waitFor(
+        [&] {
+            int st = 0;
+            pid_t r = waitpid(pid_, &st, WNOHANG);
+            if (r == pid_) status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+            if (r < 0) status_ = -1;
+            return status_.has_value();
+        },
+        seconds);
+    return status_;
 }
 
 void Child::stop() {
@@ -157,36 +128,22 @@ void Child::stop() {
     }
     // Whatever the leader left behind in its group goes too, the sentinel with it.
     ::kill(-pid_, SIGKILL);
-    if (sentinel_ > 0) {
-        waitpid(sentinel_, nullptr, 0);
-        sentinel_ = -1;
-    }
-    if (sentinelPipe_ >= 0) {
-        ::close(sentinelPipe_);
-        sentinelPipe_ = -1;
-    }
+    if (sentinel_ > 0) waitpid(std::exchange(sentinel_, -1), nullptr, 0);
+    if (sentinelPipe_ >= 0) ::close(std::exchange(sentinelPipe_, -1));
 }
 
 std::string Child::output() const {
-    std::ifstream in(outputFile_);
+    std::ifstream in(dir_.file("output"));
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
 }
 
-// ---------------------------------------------------------------------------------------------
-// PrivateBus
-
 std::unique_ptr<PrivateBus> PrivateBus::start(std::string* whyNot) {
     std::unique_ptr<PrivateBus> bus(new PrivateBus());
-    bus->dir_ = makeTempDir("quenby-bus-");
-    if (bus->dir_.empty()) {
-        if (whyNot) *whyNot = "cannot make a temporary directory";
-        return nullptr;
-    }
-    std::string socket = bus->dir_ + "/bus";
+    std::string socket = bus->dir_.file("bus");
     bus->address_ = "unix:path=" + socket;
-    std::string config = bus->dir_ + "/bus.conf";
+    std::string config = bus->dir_.file("bus.conf");
     std::ofstream(config) << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus "
                              "Configuration 1.0//EN\"\n"
                              " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
@@ -208,12 +165,6 @@ std::unique_ptr<PrivateBus> PrivateBus::start(std::string* whyNot) {
         return nullptr;
     }
     return bus;
-}
-
-PrivateBus::~PrivateBus() {
-    daemon_.reset();
-    std::error_code ec;
-    if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
 }
 
 std::optional<std::string> PrivateBus::send(const std::vector<std::string>& args) const {
@@ -240,36 +191,28 @@ bool PrivateBus::waitForNameGone(const std::string& name, double seconds) const 
     return waitFor([&] { return !hasOwner(name); }, seconds);
 }
 
-// ---------------------------------------------------------------------------------------------
-// DbusMock
-
 std::unique_ptr<DbusMock> DbusMock::start(const PrivateBus& bus, bool systemBus,
                                           const std::string& templateName,
                                           const std::string& busName, std::string* whyNot) {
     std::unique_ptr<DbusMock> m(new DbusMock());
     m->bus_ = &bus;
     m->busName_ = busName;
-    std::map<std::string, std::string> env{
-        {systemBus ? "DBUS_SYSTEM_BUS_ADDRESS" : "DBUS_SESSION_BUS_ADDRESS", bus.address()}};
-    std::vector<std::string> argv{"/usr/bin/python3", "-m", "dbusmock"};
-    argv.push_back(systemBus ? "--system" : "--session");
-    argv.insert(argv.end(), {"-t", templateName});
-    m->child_ = Child::spawn(argv, env);
+    m->child_ = Child::spawn(
+        {"/usr/bin/python3", "-m", "dbusmock", systemBus ? "--system" : "--session", "-t",
+         templateName},
+        {{systemBus ? "DBUS_SYSTEM_BUS_ADDRESS" : "DBUS_SESSION_BUS_ADDRESS", bus.address()}});
     if (!m->child_) {
         if (whyNot) *whyNot = "cannot run /usr/bin/python3";
         return nullptr;
     }
     if (!bus.waitForName(busName)) {
-        if (whyNot) {
+        if (whyNot)
             *whyNot =
                 "python3-dbusmock (" + templateName + ") did not come up: " + m->child_->output();
-        }
         return nullptr;
     }
     return m;
 }
-
-DbusMock::~DbusMock() = default;
 
 void DbusMock::kill() {
     if (!child_) return;
@@ -278,20 +221,16 @@ void DbusMock::kill() {
     bus_->waitForNameGone(busName_);
 }
 
-// ---------------------------------------------------------------------------------------------
-
 int freePort() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
+    socklen_t len = sizeof a;
     int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
-        socklen_t len = sizeof a;
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), len) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
         port = ntohs(a.sin_port);
-    }
     close(fd);
     return port;
 }

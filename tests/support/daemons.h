@@ -28,10 +28,7 @@ class Child {
     static std::unique_ptr<Child> spawn(const std::vector<std::string>& argv,
                                         const std::map<std::string, std::string>& env = {});
     ~Child();
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
 
-    pid_t pid() const { return pid_; }
     bool running();
     // Sends `sig` to the group.
     void signal(int sig);
@@ -50,7 +47,7 @@ class Child {
     pid_t sentinel_ = -1;    // in the child's group, killing it once this process is gone
     int sentinelPipe_ = -1;  // its only write end
     std::optional<int> status_;
-    std::string outputFile_;
+    quenby::test::TempDir dir_;  // holds the output
 };
 
 // A dbus-daemon of the test's own, on a socket in a temporary directory.
@@ -58,7 +55,6 @@ class PrivateBus {
   public:
     // Nothing when the sandbox cannot run dbus-daemon; `whyNot` says why.
     static std::unique_ptr<PrivateBus> start(std::string* whyNot);
-    ~PrivateBus();
     const std::string& address() const { return address_; }
     // True once `name` has an owner on this bus (within `seconds`).
     bool waitForName(const std::string& name, double seconds = 10.0) const;
@@ -70,8 +66,9 @@ class PrivateBus {
   private:
     PrivateBus() = default;
     bool hasOwner(const std::string& name) const;
+    quenby::test::TempDir dir_;  // outlives the daemon
     std::unique_ptr<Child> daemon_;
-    std::string dir_, address_;
+    std::string address_;
 };
 
 // python3 -m dbusmock with a template, on the private bus playing the system bus (bluez5) or the
@@ -83,7 +80,6 @@ class DbusMock {
     static std::unique_ptr<DbusMock> start(const PrivateBus& bus, bool systemBus,
                                            const std::string& templateName,
                                            const std::string& busName, std::string* whyNot);
-    ~DbusMock();
     // Kills the mock at once (the daemon it plays disappears from the bus) and waits until its
     // name is gone.
     void kill();

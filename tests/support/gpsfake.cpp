@@ -103,10 +103,8 @@ std::vector<std::string> nmeaGarbage() {
 }
 
 std::unique_ptr<GpsFake> GpsFake::start(const std::vector<std::string>& nmeaLines,
-                                        std::string* whyNot, double cycle) {
-    Options o;
-    o.cycle = cycle;
-    return start(nmeaLines, whyNot, o);
+                                        std::string* whyNot) {
+    return start(nmeaLines, whyNot, Options{});
 }
 
 std::unique_ptr<GpsFake> GpsFake::start(const std::vector<std::string>& nmeaLines,
@@ -116,7 +114,6 @@ std::unique_ptr<GpsFake> GpsFake::start(const std::vector<std::string>& nmeaLine
         return nullptr;
     };
     std::unique_ptr<GpsFake> fake(new GpsFake());
-    if (fake->dir_.path().empty()) return fail("cannot make a temporary directory");
     fake->port_ = options.port ? options.port : freePort();
 
     // A Delay-Cookie makes gpsfake split the log at the delimiter and send each piece verbatim;
@@ -159,10 +156,6 @@ std::unique_ptr<GpsFake> GpsFake::start(const std::vector<std::string>& nmeaLine
         fake->port_ = freePort();
         argv[portArg] = std::to_string(fake->port_);
     }
-}
-
-GpsFake::~GpsFake() {
-    stop();
 }
 
 void GpsFake::stop() {

@@ -2,13 +2,6 @@
 // a gpsd of its own on a TCP port of the test's choosing and writes the log to it through a pty,
 // one sentence every `cycle` seconds.
 //
-//     std::vector<std::string> log;
-//     for (int s = 0; s < 30; ++s) log.push_back(nmeaGGA(51.5 + s * 1e-4, -0.12, 43200 + s));
-//     std::string why;
-//     auto fake = GpsFake::start(log, &why);
-//     if (!fake) GTEST_SKIP() << why;
-//     ... connect to 127.0.0.1:fake->port() ...
-//
 // gpsfake starts writing as soon as gpsd has the device, and gpsd takes a second or so to
 // identify it and passes on nothing while no client watches, so every log starts with `leadIn`
 // seconds of a receiver without a fix: a client that connects as soon as start() returns sees
@@ -52,16 +45,10 @@ class GpsFake {
     // Nothing when gpsfake or gpsd cannot run here; `whyNot` says why. Returns once gpsd accepts
     // connections on the port and has the log's device open.
     static std::unique_ptr<GpsFake> start(const std::vector<std::string>& nmeaLines,
-                                          std::string* whyNot, double cycle = 0.1);
+                                          std::string* whyNot);
     static std::unique_ptr<GpsFake> start(const std::vector<std::string>& nmeaLines,
                                           std::string* whyNot, const Options& options);
-    // Stops gpsfake and its gpsd.
-    ~GpsFake();
-    GpsFake(const GpsFake&) = delete;
-    GpsFake& operator=(const GpsFake&) = delete;
-
     int port() const { return port_; }
-    std::string portString() const { return std::to_string(port_); }
     Child& process() { return *child_; }
     // Stops gpsfake and its gpsd now: clients see the connection close.
     void stop();
@@ -70,7 +57,7 @@ class GpsFake {
     GpsFake() = default;
     TempDir dir_;
     int port_ = 0;
-    std::unique_ptr<Child> child_;
+    std::unique_ptr<Child> child_;  // stops gpsfake and its gpsd when it goes
 };
 
 }  // namespace quenby::testing
