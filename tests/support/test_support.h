@@ -68,6 +68,8 @@ void writeFile(const std::string& path, const std::string& contents);
 // SQLite holds them).
 std::vector<nlohmann::json> queryRows(const std::string& path, const std::string& sql);
 std::optional<std::string> readFile(const std::string& path);
+// How many times `what` stands in `text`, not overlapping.
+std::size_t countOf(const std::string& text, const std::string& what);
 
 }  // namespace quenby::test
 

@@ -20,6 +20,7 @@
 using host::OrderedJson;
 using host::Timeline;
 using host::TimelineEntry;
+using quenby::test::countOf;
 using quenby::test::TempDir;
 
 namespace {
@@ -68,12 +69,6 @@ std::vector<std::string> split(const std::string& text) {
     std::istringstream in(text);
     for (std::string l; std::getline(in, l);) out.push_back(l);
     return out;
-}
-
-std::size_t count(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + what.size())) ++n;
-    return n;
 }
 
 // The simulator's peak resident memory over a run, in kB (-1: it failed, or ran past a minute).
@@ -223,17 +218,17 @@ TEST(LurewaveSim, BundledExampleTellsItsStoryInAShortTimelineAMapAndAReport) {
     }
     for (const char* n : {"QZWManagerDidEnterRegion", "QZWManagerDidExitRegion",
                           "QZWManagerDidTriggerAnalyticsEvent"})
-        EXPECT_EQ(count(folded.out, n), inTrace[n]) << n;
+        EXPECT_EQ(countOf(folded.out, n), inTrace[n]) << n;
     EXPECT_EQ(inTrace["QZWManagerDidTriggerAnalyticsEvent"], 3u) << "found, viewed, fulfilled";
-    EXPECT_EQ(count(folded.out, " server       POST "), posts);
+    EXPECT_EQ(countOf(folded.out, " server       POST "), posts);
     EXPECT_NE(folded.out.find("ranging      coffee \"Coffee shelf\"  x"), std::string::npos);
 
     // The map: every event where it happened, named places, a legend, a scale and north.
     std::string map = quenby::test::readFile(svg).value_or("");
-    EXPECT_EQ(count(map, "class=\"marker enter\""), inTrace["QZWManagerDidEnterRegion"]);
-    EXPECT_EQ(count(map, "class=\"marker exit\""), inTrace["QZWManagerDidExitRegion"]);
+    EXPECT_EQ(countOf(map, "class=\"marker enter\""), inTrace["QZWManagerDidEnterRegion"]);
+    EXPECT_EQ(countOf(map, "class=\"marker exit\""), inTrace["QZWManagerDidExitRegion"]);
     for (const char* kind : {"found", "viewed", "fulfilled"})
-        EXPECT_EQ(count(map, std::string("class=\"marker ") + kind + "\""), 1u) << kind;
+        EXPECT_EQ(countOf(map, std::string("class=\"marker ") + kind + "\""), 1u) << kind;
     for (const char* s : {">Front door<", ">Coffee shelf<", ">Checkout<", ">Car park · r 30 m<",
                           "class=\"north\"", ">found 104 s<"})
         EXPECT_NE(map.find(s), std::string::npos) << s;
@@ -274,8 +269,8 @@ TEST(LurewaveSim, BundledExampleTellsItsStoryInAShortTimelineAMapAndAReport) {
                         "Coffee shelf (place 2)</li>"),
               std::string::npos);
     EXPECT_NE(page.find("fulfilled at Checkout (place 3)</li>"), std::string::npos);
-    EXPECT_EQ(count(page, "<details>"), posts);
-    EXPECT_EQ(count(page, "<tr class="), text.size() - 8) << "the timeline's lines, no summary";
+    EXPECT_EQ(countOf(page, "<details>"), posts);
+    EXPECT_EQ(countOf(page, "<tr class="), text.size() - 8) << "the timeline's lines, no summary";
     EXPECT_NE(page.find("<td class=\"what\">GET /kit</td>"), std::string::npos) << "unfolded";
     for (auto [n, what] : {std::pair{inTrace["QZWManagerDidRangeBeaconsInRegion"], "ranging reports"},
                            {inTrace["QZWManagerDidEnterRegion"], "entered"},

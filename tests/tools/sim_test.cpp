@@ -18,6 +18,7 @@
 
 using nlohmann::json;
 using quenby::test::TempDir;
+using quenby::test::countOf;
 
 namespace {
 
@@ -93,12 +94,6 @@ json store(json steps, json device = json::object(), std::string host = "campaig
     s["device"] = device;
     s["steps"] = steps;
     return s;
-}
-
-std::size_t count(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
-    return n;
 }
 
 json door() {
@@ -242,7 +237,7 @@ TEST(LurewaveSim, CampaignHostActionsAndTraceLines) {
     }
     // Only the server's own Host header keeps the placeholder: each of a string's {server}s
     // is replaced.
-    EXPECT_EQ(count(r.out, "{server}"), count(r.out, "\"Host\":\"{server}\""));
+    EXPECT_EQ(countOf(r.out, "{server}"), countOf(r.out, "\"Host\":\"{server}\""));
 }
 
 TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
@@ -273,7 +268,7 @@ TEST(LurewaveSim, ProximityHostWalkAndReadableTimeline) {
     std::string map = quenby::test::readFile(docs.file("map.svg")).value_or("");
     EXPECT_NE(map.find("<polyline"), std::string::npos);
     EXPECT_NE(map.find(">" + wide + " · r 30 m</text>"), std::string::npos);
-    EXPECT_EQ(count(map, "class=\"time\""), 11u) << "5, 10, 20 … 90 and 101 s";
+    EXPECT_EQ(countOf(map, "class=\"time\""), 11u) << "5, 10, 20 … 90 and 101 s";
 
     // The same run as a readable timeline ends with a summary.
     auto readable = run(s.dump(), {});
